@@ -1,0 +1,171 @@
+// test_support: helpers shared by every test suite.
+#include "support/test_support.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace j480test {
+
+TempDir::TempDir() {
+  const char* base = getenv("TMPDIR");
+  std::string templ = std::string(base && *base ? base : "/tmp") + "/j480test.XXXXXX";
+  std::vector<char> buf(templ.begin(), templ.end());
+  buf.push_back('\0');
+  if (mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = buf.data();
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+std::string TempDir::file(const std::string& name) const { return path_ + "/" + name; }
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot read " + path);
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+void write_file(const std::string& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out) throw std::runtime_error("cannot write " + path);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+bool exists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+void make_dirs(const std::string& path) { std::filesystem::create_directories(path); }
+
+void cut_file(const std::string& path, uint64_t length) {
+  if (truncate(path.c_str(), static_cast<off_t>(length)) != 0)
+    throw std::runtime_error("cannot cut " + path);
+}
+
+void set_byte(const std::string& path, uint64_t offset, uint8_t value) {
+  std::string bytes = read_file(path);
+  if (offset >= bytes.size()) throw std::runtime_error("offset past end of " + path);
+  bytes[offset] = static_cast<char>(value);
+  write_file(path, bytes);
+}
+
+void flip_byte(const std::string& path, uint64_t offset, uint8_t mask) {
+  std::string bytes = read_file(path);
+  if (offset >= bytes.size()) throw std::runtime_error("offset past end of " + path);
+  bytes[offset] = static_cast<char>(static_cast<uint8_t>(bytes[offset]) ^ mask);
+  write_file(path, bytes);
+}
+
+std::vector<std::string> split_lines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t nl = text.find('\n', start);
+    if (nl == std::string::npos) {
+      lines.push_back(text.substr(start));
+      break;
+    }
+    lines.push_back(text.substr(start, nl - start));
+    start = nl + 1;
+  }
+  return lines;
+}
+
+RunResult run_binary(const std::string& binary, const std::vector<std::string>& args,
+                     const std::map<std::string, std::string>& env, const std::string& cwd,
+                     const std::string* argv0) {
+  int out_pipe[2], err_pipe[2];
+  if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) throw std::runtime_error("pipe failed");
+
+  std::vector<std::string> envs;
+  const char* path = getenv("PATH");
+  envs.push_back(std::string("PATH=") + (path ? path : "/usr/bin:/bin"));
+  for (const auto& [k, v] : env) envs.push_back(k + "=" + v);
+
+  std::vector<char*> argv;
+  std::string name = argv0 ? *argv0 : binary;
+  argv.push_back(const_cast<char*>(name.c_str()));
+  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  std::vector<char*> envp;
+  for (auto& e : envs) envp.push_back(const_cast<char*>(e.c_str()));
+  envp.push_back(nullptr);
+
+  pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  if (pid == 0) {
+    int devnull = open("/dev/null", O_RDONLY);
+    dup2(devnull, 0);
+    dup2(out_pipe[1], 1);
+    dup2(err_pipe[1], 2);
+    close(out_pipe[0]);
+    close(err_pipe[0]);
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+    execve(binary.c_str(), argv.data(), envp.data());
+    _exit(127);
+  }
+  close(out_pipe[1]);
+  close(err_pipe[1]);
+
+  RunResult r{"", "", -1};
+  struct pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
+  std::string* sinks[2] = {&r.out, &r.err};
+  int open_fds = 2;
+  char buf[65536];
+  while (open_fds > 0) {
+    if (poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    for (int i = 0; i < 2; i++) {
+      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+      ssize_t n = read(fds[i].fd, buf, sizeof buf);
+      if (n > 0) {
+        sinks[i]->append(buf, static_cast<size_t>(n));
+      } else {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+        open_fds--;
+      }
+    }
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (WIFEXITED(status)) r.status = WEXITSTATUS(status);
+  else if (WIFSIGNALED(status)) r.status = 128 + WTERMSIG(status);
+  return r;
+}
+
+ScopedEnv::ScopedEnv(const std::string& name, const char* value) : name_(name) {
+  const char* old = getenv(name.c_str());
+  had_ = old != nullptr;
+  if (had_) old_ = old;
+  if (value) setenv(name.c_str(), value, 1);
+  else unsetenv(name.c_str());
+}
+
+ScopedEnv::~ScopedEnv() {
+  if (had_) setenv(name_.c_str(), old_.c_str(), 1);
+  else unsetenv(name_.c_str());
+}
+
+}  // namespace j480test
