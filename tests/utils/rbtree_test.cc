@@ -1,0 +1,132 @@
+// Red-black tree: properties under random inserts and deletes, checked against std::map.
+#include "utils/rbtree.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "utils/mem.h"
+
+namespace {
+
+int64_t compare_ints(const void* a, const void* b) {
+  int64_t x = *static_cast<const int64_t*>(a), y = *static_cast<const int64_t*>(b);
+  return (x > y) - (x < y);
+}
+
+struct Tree {
+  MemContext* mem = mem_context_create(nullptr, "rbtree_test");
+  rb_tree* tree = rb_create(mem, 1, compare_ints);
+  std::vector<int64_t*> keys;  // stable addresses for keys
+  ~Tree() {
+    rb_destroy(tree, nullptr);
+    mem_context_remove(mem);
+    for (int64_t* k : keys) delete k;
+  }
+  int64_t* key(int64_t v) {
+    keys.push_back(new int64_t(v));
+    return keys.back();
+  }
+};
+
+int64_t key_of(const rb_node* n) { return *static_cast<const int64_t*>(n->key); }
+
+}  // namespace
+
+TEST(RbTree, RandomInsertsDeletesAndSearchesMatchAMapAndKeepTheProperties) {
+  Tree t;
+  std::map<int64_t, intptr_t> model;
+  std::mt19937_64 rng(42);
+  for (int step = 0; step < 20000; step++) {
+    int64_t k = static_cast<int64_t>(rng() % 2000);
+    int op = static_cast<int>(rng() % 10);
+    if (op < 5) {
+      intptr_t v = step;
+      rb_node* n = rb_insert(t.tree, t.key(k), reinterpret_cast<void*>(v));
+      if (model.count(k)) {
+        EXPECT_EQ(n, nullptr);
+      } else {
+        ASSERT_NE(n, nullptr);
+        model[k] = v;
+      }
+    } else if (op < 8) {
+      rb_node* n = rb_search(t.tree, &k);
+      ASSERT_EQ(n != nullptr, model.count(k) == 1);
+      if (n) {
+        rb_delete(t.tree, n);
+        model.erase(k);
+      }
+    } else {
+      rb_node* g = rb_search_greater(t.tree, &k);
+      auto mg = model.upper_bound(k);
+      ASSERT_EQ(g == nullptr, mg == model.end());
+      if (g) {
+        EXPECT_EQ(key_of(g), mg->first);
+      }
+      rb_node* l = rb_search_less(t.tree, &k);
+      auto ml = model.lower_bound(k);
+      ASSERT_EQ(l == nullptr, ml == model.begin());
+      if (l) {
+        EXPECT_EQ(key_of(l), std::prev(ml)->first);
+      }
+      rb_node* s = rb_search(t.tree, &k);
+      ASSERT_EQ(s != nullptr, model.count(k) == 1);
+      if (s) {
+        EXPECT_EQ(reinterpret_cast<intptr_t>(s->value), model[k]);
+      }
+    }
+    const char* why = nullptr;
+    ASSERT_GE(rb_check(t.tree, &why), 0) << why << " at step " << step;
+  }
+  // In-order walk both ways equals the model.
+  std::vector<int64_t> fwd, bwd;
+  rb_node* last = nullptr;
+  for (rb_node* n = rb_first(t.tree); n; n = rb_successor(t.tree, n)) {
+    fwd.push_back(key_of(n));
+    last = n;
+  }
+  for (rb_node* n = last; n; n = rb_predecessor(t.tree, n)) bwd.insert(bwd.begin(), key_of(n));
+  std::vector<int64_t> expected;
+  for (auto& [k, v] : model) expected.push_back(k);
+  EXPECT_EQ(fwd, expected);
+  EXPECT_EQ(bwd, expected);
+}
+
+TEST(RbTree, EmptyTreeAndBoundaries) {
+  Tree t;
+  int64_t k = 5;
+  EXPECT_EQ(rb_search(t.tree, &k), nullptr);
+  EXPECT_EQ(rb_search_nearest(t.tree, &k), t.tree->root);
+  EXPECT_EQ(rb_search_greater(t.tree, &k), nullptr);
+  EXPECT_EQ(rb_insert(t.tree, nullptr, nullptr), nullptr);
+  rb_delete(t.tree, nullptr);
+
+  for (int64_t v : {10, 20, 30}) ASSERT_NE(rb_insert(t.tree, t.key(v), nullptr), nullptr);
+  int64_t above = 31, between = 25;
+  EXPECT_EQ(rb_search_greater(t.tree, &above), nullptr);
+  EXPECT_EQ(key_of(rb_search_greater(t.tree, &between)), 30);
+  // Nearest: equal key, else the last node on the search path (a neighbour of the key).
+  rb_node* near = rb_search_nearest(t.tree, &between);
+  EXPECT_TRUE(key_of(near) == 20 || key_of(near) == 30);
+}
+
+TEST(RbTree, DuplicateKeepsTheFirstValueAndDestroyHandsOutEveryValue) {
+  MemContext* mem = mem_context_create(nullptr, "rbtree_test");
+  rb_tree* tree = rb_create(mem, 0, compare_ints);
+  static int64_t keys[100];
+  static int freed;
+  freed = 0;
+  for (int i = 0; i < 100; i++) {
+    keys[i] = i * 7 % 100;
+    ASSERT_NE(rb_insert(tree, &keys[i], &keys[i]), nullptr);
+  }
+  int64_t dup = 14;
+  EXPECT_EQ(rb_insert(tree, &dup, &dup), nullptr);
+  EXPECT_EQ(rb_search(tree, &dup)->value, rb_search(tree, &dup)->key);
+  rb_destroy(tree, [](void*) { freed++; });
+  EXPECT_EQ(freed, 100);
+  mem_context_remove(mem);
+}
