@@ -1,0 +1,138 @@
+// Jump contexts and error records.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "utils/context.h"
+#include "utils/j480_error.h"
+#include "utils/longjmp_ctx.h"
+#include "utils/mem.h"
+
+namespace {
+
+struct Env {
+  MemContext* mem = mem_context_create(nullptr, "longjmp_test");
+  longjmp_env env{};
+  Env() { longjmp_env_init(&env, mem); }
+  ~Env() {
+    longjmp_env_destroy(&env);
+    mem_context_remove(mem);
+  }
+};
+
+// An object whose destructor must run when a jump passes its frame.
+struct Witness {
+  int* counter;
+  ~Witness() { ++*counter; }
+};
+
+}  // namespace
+
+TEST(LongjmpCtx, NestedFramesCatchInnerFirstThenOuterAfterThePop) {
+  Env e;
+  int destroyed = 0;
+  int inner_code = -1;
+  int outer_code = longjmp_ctx_run(&e.env, [&] {
+    inner_code = longjmp_ctx_run(&e.env, [&] {
+      Witness w{&destroyed};
+      longjmp_ctx_jump(&e.env, 7);
+    });
+    // The inner frame has popped its entry: this jump reaches the outer one.
+    Witness w{&destroyed};
+    longjmp_ctx_jump(&e.env, J480_ERROR_OUT_OF_MEMORY);
+  });
+  EXPECT_EQ(inner_code, 7);
+  EXPECT_EQ(outer_code, J480_ERROR_OUT_OF_MEMORY);
+  EXPECT_EQ(destroyed, 2);
+  EXPECT_EQ(e.env.top, nullptr);
+  EXPECT_EQ(longjmp_ctx_run(&e.env, [] {}), 0);
+  EXPECT_EQ(e.env.top, nullptr);
+}
+
+TEST(LongjmpCtxDeathTest, SecondJumpThroughAnUnpoppedEntryAndJumpWithoutFrameAssert) {
+  EXPECT_DEATH(
+      {
+        Env e;
+        char buf;
+        longjmp_ctx_push(&e.env, &buf);
+        try {
+          longjmp_ctx_jump(&e.env, 1);
+        } catch (const longjmp_unwind&) {
+        }
+        longjmp_ctx_jump(&e.env, 1);
+      },
+      "assertion \"ljc->jumped == FALSE\" failed");
+  EXPECT_DEATH(
+      {
+        Env e;
+        longjmp_ctx_jump(&e.env, 2);
+      },
+      "assertion \"ljc != NULL\" failed");
+  EXPECT_DEATH(longjmp_ctx_jump(nullptr, 2), "assertion \"ljc != NULL\" failed");
+  EXPECT_DEATH(
+      {
+        Env e;
+        longjmp_ctx_pop(&e.env);
+      },
+      "assertion \"deleted != NULL\" failed");
+}
+
+TEST(J480Error, TableHoldsEveryCodeAndFormatsParameters) {
+  EXPECT_STREQ(error_template(0), "No error.");
+  EXPECT_STREQ(error_template(48), error_template(49));
+  EXPECT_NE(error_template(183), nullptr);
+  EXPECT_EQ(error_template(184), nullptr);
+  EXPECT_EQ(error_template(-1), nullptr);
+  EXPECT_EQ(strncmp(error_template(2), "Not enough memory.", 18), 0);
+
+  MemContext* mem = mem_context_create(nullptr, "error_test");
+  // Find the template with two table parameters.
+  int32_t code = -1;
+  for (int32_t i = 0; i < J480_NUM_ERRORS; i++)
+    if (strcmp(error_template(i), "Table '%0' and table '%1' not equal in structure.") == 0) code = i;
+  ASSERT_GE(code, 0);
+  j480_error* two = error_create(mem, code, 2);
+  error_set_param(two, mem, 0, "t1");
+  error_set_param(two, mem, 1, "t2");
+  EXPECT_STREQ(error_to_string(mem, two), "Table 't1' and table 't2' not equal in structure.");
+  j480_error* one = error_create(mem, code, 1);
+  error_set_param(one, mem, 0, "t1");
+  EXPECT_STREQ(error_to_string(mem, one), "Table 't1' and table '' not equal in structure.");
+
+  j480_error* none = error_create(mem, 0, 0);
+  EXPECT_EQ(error_message_size(none), static_cast<int64_t>(strlen("No error.")) + 1);
+  mem_context_remove(mem);
+}
+
+TEST(J480Error, DoublePercentGivesOnePercentAndAddErrorAppendsAfterDroppingOk) {
+  MemContext* mem = mem_context_create(nullptr, "error_test");
+  int32_t pct = -1;
+  for (int32_t i = 0; i < J480_NUM_ERRORS; i++)
+    if (strstr(error_template(i), "%%") != nullptr) pct = i;
+  if (pct >= 0) {
+    j480_error* e = error_create(mem, pct, 0);
+    std::string s = error_to_string(mem, e);
+    EXPECT_EQ(s.find("%%"), std::string::npos);
+  }
+
+  exec_context ctx;
+  ctx.mem = mem;
+  ctx.ignore_errors = 0;
+  ctx.errors = error_create(mem, J480_OK, 0);
+  const char* params[] = {"42"};
+  add_error(&ctx, "TEST", 12, 1, params);
+  add_error(&ctx, "TEST", 1, 0, nullptr);
+  ASSERT_NE(ctx.errors, nullptr);
+  EXPECT_EQ(ctx.errors->code, 12);
+  EXPECT_STREQ(error_to_string(mem, ctx.errors), "Integer '42' out of range.");
+  ASSERT_NE(ctx.errors->next, nullptr);
+  EXPECT_EQ(ctx.errors->next->code, 1);
+  EXPECT_EQ(ctx.errors->next->next, nullptr);
+
+  ctx.ignore_errors = 1;
+  add_error(&ctx, "TEST", 1, 0, nullptr);
+  EXPECT_EQ(ctx.errors->next->next, nullptr);
+  add_error(nullptr, "TEST", 1, 0, nullptr);
+  mem_context_remove(mem);
+}
