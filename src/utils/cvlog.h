@@ -1,15 +1,15 @@
 // cvlog: the system's one way of reporting, and its assertion path.
 //
-// Every message goes through __cv_log with its source file, line, facility and level. The
-// logger reads its configuration once, at the first call (CVLOG, CVLOG_CONFIGFILE,
-// CVLOG_DIRECTORY, USERPROFILE or HOME), decides per facility what passes and to which of three
-// sinks (stdout, stderr, file) it goes, and decorates each line per sink. Logging never fails its
-// caller. The assertion functions log their lines and abort; they never return.
+// Every message goes through __cv_log with its source file, line, facility and level. Started at
+// the first call from CVLOG, CVLOG_CONFIGFILE, CVLOG_DIRECTORY or USERPROFILE (HOME), the logger
+// owns its facility table, its three sinks (stdout, stderr, file) and the log file, never closed.
+// Logging never fails its caller; the assertion functions log their lines and abort.
 #ifndef J480_UTILS_CVLOG_H
 #define J480_UTILS_CVLOG_H
 
 #include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 
 // Levels: lower is more severe.
 enum cv_log_level : int32_t {
@@ -76,6 +76,42 @@ void _cv_backtrace(const char* file, int line, const char* module);
 [[noreturn]] void cv_assert_fail_msg(const char* file, int line, const char* module,
                                      const char* expr, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
+
+// The tables the configuration fills, fixed after start-up. Read-only views for tests.
+struct cv_log_facility {
+  char name[16];   // zero-filled, at most 15 characters; empty for the default entry
+  int32_t level;   // messages with a level above it are dropped
+  int32_t color;   // colour number 0..16, 16 writes nothing
+  int32_t sinks;   // CV_SINK_* bits
+};
+constexpr int32_t CV_LOG_MAX_FACILITIES = 127;  // named entries after the default one
+
+// Sink indexes, in the order lines go out.
+enum : int32_t { CV_SINK_INDEX_STDOUT = 0, CV_SINK_INDEX_STDERR = 1, CV_SINK_INDEX_FILE = 2 };
+struct cv_log_sink {
+  FILE* stream;       // null for a file sink with no file
+  int32_t timestamp;  // 0 none, 1 seconds since the epoch, 2 local calendar time
+  int32_t color;
+  int32_t fileline;
+  int32_t showlevel;
+  int32_t comment;
+  int32_t pid;
+  int32_t tid;
+  int32_t txid;
+  int32_t flush;
+  int32_t usec;
+};
+
+// The printed name of a level (5 characters), or null outside ERROR..TRACE.
+const char* cv_log_level_name(int level);
+// The entry that serves `module` (entry 0 for null or an unknown name). Starts the logger.
+const cv_log_facility* cv_log_find_facility(const char* module);
+// Named entries in configuration order; index 0 is the default entry, 1..count the named ones.
+int32_t cv_log_facility_count();
+const cv_log_facility* cv_log_facility_at(int32_t index);
+const cv_log_sink* cv_log_sink_at(int32_t index);
+// The log file's name after the configuration rules, or null when there is none.
+const char* cv_log_file_name();
 
 // Test hook: forgets the started logger (closing its file) so that the next call starts it
 // again from the environment. Not for use outside tests.

@@ -1,0 +1,425 @@
+// The logger: line decoration per sink, the configuration language and its sources, multi-piece
+// lines, the transaction table and the assertion path.
+#include "utils/cvlog.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/test_support.h"
+#include "utils/version.h"
+
+namespace {
+
+using j480test::read_file;
+using j480test::write_file;
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+
+class CvLog : public testing::Test {
+ protected:
+  void SetUp() override { cv_log_reset_for_tests(); }
+  void TearDown() override { cv_log_reset_for_tests(); }
+
+  // Restarts the logger with CVLOG set to `config` (unset for null).
+  static void use(const char* config) {
+    if (config != nullptr) setenv("CVLOG", config, 1);
+    else unsetenv("CVLOG");
+    cv_log_reset_for_tests();
+  }
+  static std::string err_of(const std::function<void()>& f) {
+    CaptureStderr();
+    f();
+    return GetCapturedStderr();
+  }
+  static std::string out_of(const std::function<void()>& f) {
+    CaptureStdout();
+    f();
+    return GetCapturedStdout();
+  }
+  static int level_of(const char* module) { return cv_log_find_facility(module)->level; }
+
+  j480test::TempDir home_;  // an empty USERPROFILE, so no per-user file is found
+  j480test::ScopedEnv cvlog_{"CVLOG", nullptr};
+  j480test::ScopedEnv file_{"CVLOG_CONFIGFILE", nullptr};
+  j480test::ScopedEnv dir_{"CVLOG_DIRECTORY", nullptr};
+  j480test::ScopedEnv profile_{"USERPROFILE", home_.path().c_str()};
+};
+
+// ---- Decoration of a line ----
+
+TEST_F(CvLog, DefaultConfigurationWritesInfoAndUpToStandardError) {
+  std::string out;
+  std::string err = err_of([&] {
+    out = out_of([] {
+      CV_INFO("WAL_CONVERTER", "J480 WAL 2.0 converter version %d", 7);
+      CV_ERROR("CBM", "broken");
+      CV_WARN("CBM", "odd");
+      CV_DEBUG("CBM", "hidden");
+      CV_INFO(nullptr, "no facility");
+    });
+  });
+  EXPECT_EQ(err,
+            "#WAL_CONVERTER:J480 WAL 2.0 converter version 7\n"
+            "ERROR:CBM:broken\n"
+            "# WARN:CBM:odd\n"
+            "#no facility\n");
+  EXPECT_EQ(out, "");
+}
+
+TEST_F(CvLog, ColourEscapesOnlyOnSinksWithColourFlag) {
+  use("default=stdout,CBM=red:stdout:stderr,PDT=brightblue:stdout");
+  std::string out, err;
+  err = err_of([&] {
+    out = out_of([] {
+      CV_ERROR(nullptr, "e");
+      CV_WARN(nullptr, "w");
+      CV_INFO(nullptr, "i");
+      CV_INFO("CBM", "c");
+      CV_DEBUG("PDT", "p");
+    });
+  });
+  EXPECT_EQ(out,
+            "\x1b[1;31mERROR:e\x1b[m\n"
+            "#\x1b[1;33m WARN:w\x1b[m\n"
+            "#i\x1b[m\n"
+            "#CBM:\x1b[0;31mc\x1b[m\n");
+  EXPECT_EQ(err, "#CBM:c\n");
+}
+
+TEST_F(CvLog, PrefixPiecesComeInTheirOrder) {
+  use("stderr=comment:timesec:pid:tid:txid:showlevel:fileline:color,CBM=green");
+  uint64_t tid = cv_log_current_thread_id();
+  cv_log_thread_create(tid);
+  cv_log_thread_set_txid(tid, 42);
+  int line = 0;
+  std::string err = err_of([&] {
+    CV_INFO("CBM", "text");
+    line = __LINE__ - 1;
+  });
+  std::smatch m;
+  ASSERT_TRUE(std::regex_match(err, m, std::regex("#[0-9]{10}\\.[0-9]{3}:(.*)\n")));
+  char pid[16];
+  snprintf(pid, sizeof pid, "PID%6d:", static_cast<int>(getpid()));
+  EXPECT_EQ(m[1].str(), std::string(pid) + "TID " + std::to_string(tid) + ":TXID 42: INFO:CBM:" +
+                            __FILE__ + ":" + std::to_string(line) + ":\x1b[0;32mtext\x1b[m");
+}
+
+TEST_F(CvLog, TimestampShapes) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"stderr=timesec", "[0-9]{10}\\.[0-9]{3}:x\n"},
+      {"stderr=timesec:usec", "[0-9]{10}\\.[0-9]{6}:x\n"},
+      {"stderr=timestamp", "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} x\n"},
+      {"stderr=timestamp:usec",
+       "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6} x\n"},
+  };
+  for (const auto& [config, shape] : cases) {
+    use(config);
+    std::string err = err_of([] { CV_INFO(nullptr, "x"); });
+    EXPECT_TRUE(std::regex_match(err, std::regex(shape))) << config << ": " << err;
+  }
+}
+
+TEST_F(CvLog, LevelNameAlwaysForErrorAndWarnOtherwiseOnlyWithShowlevel) {
+  use("default=trace,stderr=showlevel");
+  EXPECT_EQ(err_of([] {
+              for (int level = CV_LOG_ERROR; level <= CV_LOG_TRACE; level++)
+                CV_LOG("M", level, "l%d", level);
+            }),
+            "ERROR:M:l0\n WARN:M:l1\n INFO:M:l2\nDEBUG:M:l3\nTRACE:M:l4\n");
+  use("default=trace,stderr=flush");
+  EXPECT_EQ(err_of([] {
+              for (int level = CV_LOG_ERROR; level <= CV_LOG_TRACE; level++)
+                CV_LOG("M", level, "l%d", level);
+            }),
+            "ERROR:M:l0\n WARN:M:l1\nM:l2\nM:l3\nM:l4\n");
+}
+
+TEST_F(CvLog, MessageIsCleanedIntoOneLine) {
+  EXPECT_EQ(err_of([] { CV_INFO("A", "one\ntwo\r\nthree\n"); }), "#A:one two  three\n");
+  EXPECT_EQ(err_of([] { CV_INFO("A", "a\n\nb"); }), "#A:a  b\n");
+  EXPECT_EQ(err_of([] { CV_INFO("A", "%s", ""); }), "#A:");
+  use("default=stdout");
+  EXPECT_EQ(out_of([] { CV_INFO("A", "%s", ""); }), "#A:\x1b[m");
+}
+
+TEST_F(CvLog, MessageThatDoesNotFitGoesOutEmpty) {
+  std::string fits(CV_LOG_BUFFER_SIZE - 1, 'x');
+  std::string too_long(CV_LOG_BUFFER_SIZE, 'x');
+  EXPECT_EQ(err_of([&] { CV_ERROR("A", "%s", fits.c_str()); }), "ERROR:A:" + fits + "\n");
+  EXPECT_EQ(err_of([&] { CV_ERROR("A", "%s", too_long.c_str()); }), "ERROR:A:");
+}
+
+TEST_F(CvLog, FileSinkDefaultsAppendToTheNamedFile) {
+  j480test::TempDir dir;
+  std::string path = dir.file("x.log");
+  write_file(path, "old\n");
+  use(("CBM=file\nfilename=" + path).c_str());
+  EXPECT_EQ(err_of([] { CV_WARN("CBM", "to the file"); }), "");
+  cv_log_reset_for_tests();  // closes the file
+  char pid[16];
+  snprintf(pid, sizeof pid, "PID%6d:", static_cast<int>(getpid()));
+  std::string shape = "old\n[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} " +
+                      std::string(pid) + " WARN:CBM:to the file\n";
+  EXPECT_TRUE(std::regex_match(read_file(path), std::regex(shape))) << read_file(path);
+}
+
+// ---- Configuration ----
+
+TEST_F(CvLog, ConfigurationSourcesInTheirOrder) {
+  j480test::TempDir dir;
+  write_file(dir.file("cf"), "default=debug\n");
+  write_file(dir.file("cvlog.conf"), "default=trace\n");
+  write_file(home_.file(".cvlog"), "default=warn\n");
+  write_file(dir.file("empty"), "");
+
+  EXPECT_EQ(level_of(nullptr), CV_LOG_WARN);  // USERPROFILE/.cvlog
+  {
+    j480test::ScopedEnv no_profile("USERPROFILE", nullptr);
+    j480test::ScopedEnv home("HOME", dir.path().c_str());
+    write_file(dir.file(".cvlog"), "default=error\n");
+    cv_log_reset_for_tests();
+    EXPECT_EQ(level_of(nullptr), CV_LOG_ERROR);  // HOME in place of USERPROFILE
+  }
+  setenv("CVLOG_DIRECTORY", dir.path().c_str(), 1);
+  cv_log_reset_for_tests();
+  EXPECT_EQ(level_of(nullptr), CV_LOG_TRACE);  // the directory wins over the profile
+  setenv("CVLOG_CONFIGFILE", dir.file("missing").c_str(), 1);
+  cv_log_reset_for_tests();
+  EXPECT_EQ(level_of(nullptr), CV_LOG_TRACE);  // a file that doesn't open doesn't count
+  setenv("CVLOG_CONFIGFILE", dir.file("empty").c_str(), 1);
+  cv_log_reset_for_tests();
+  EXPECT_EQ(level_of(nullptr), CV_LOG_TRACE);  // nor does an empty one
+  setenv("CVLOG_CONFIGFILE", dir.file("cf").c_str(), 1);
+  cv_log_reset_for_tests();
+  EXPECT_EQ(level_of(nullptr), CV_LOG_DEBUG);
+  char* text = logger_get_config();
+  EXPECT_STREQ(text, "default=debug\n");
+  free(text);
+  use("");  // an empty CVLOG is still used: defaults, no file looked for
+  EXPECT_EQ(level_of(nullptr), CV_LOG_INFO);
+  text = logger_get_config();
+  EXPECT_STREQ(text, "");
+  free(text);
+}
+
+TEST_F(CvLog, FacilityItemsMixValuesAndCopyTheDefaultAsItStands) {
+  use("CBM=red:debug:file\n"
+      "default=stdout:debug\n"
+      "facility PDT=blue\n"
+      "default=error\n"
+      "KERNEL=trace\n"
+      "CBM=error\n");
+  const cv_log_facility* cbm = cv_log_find_facility("CBM");
+  EXPECT_STREQ(cbm->name, "CBM");
+  EXPECT_EQ(cbm->color, 1);
+  EXPECT_EQ(cbm->level, CV_LOG_DEBUG);  // the first of two CBM entries is the one found
+  EXPECT_EQ(cbm->sinks, CV_SINK_FILE);
+  const cv_log_facility* pdt = cv_log_find_facility("PDT");
+  EXPECT_EQ(pdt->level, CV_LOG_DEBUG);  // the default of that moment
+  EXPECT_EQ(pdt->sinks, CV_SINK_STDOUT);
+  EXPECT_EQ(pdt->color, 4);
+  const cv_log_facility* def = cv_log_facility_at(0);
+  EXPECT_EQ(def->level, CV_LOG_ERROR);  // fields given start from zero, the rest fall back
+  EXPECT_EQ(def->sinks, CV_SINK_STDERR);
+  EXPECT_EQ(def->color, 16);
+  EXPECT_EQ(cv_log_find_facility("KERNEL")->sinks, CV_SINK_STDERR);
+  EXPECT_EQ(cv_log_find_facility("OTHER"), def);
+  EXPECT_EQ(cv_log_facility_count(), 4);
+
+  use("default=black");
+  EXPECT_EQ(cv_log_facility_at(0)->color, 0);
+  EXPECT_EQ(cv_log_facility_at(0)->level, CV_LOG_INFO);
+}
+
+TEST_F(CvLog, LongNamesAreCutAndNeverMatchTheirFullForm) {
+  use("UPDATE_PROPAGATION=debug");
+  EXPECT_STREQ(cv_log_facility_at(1)->name, "UPDATE_PROPAGAT");
+  EXPECT_EQ(level_of("UPDATE_PROPAGATION"), CV_LOG_INFO);
+  EXPECT_EQ(level_of("UPDATE_PROPAGAT"), CV_LOG_DEBUG);
+  EXPECT_EQ(err_of([] { CV_INFO("UPDATE_PROPAGATION", "x"); }), "#UPDATE_PROPAGATION:x\n");
+}
+
+TEST_F(CvLog, SinkItemReplacesTheWholeFlagSet) {
+  use("stdout=pid\nfile=tid:flush");
+  const cv_log_sink* out = cv_log_sink_at(CV_SINK_INDEX_STDOUT);
+  EXPECT_EQ(out->pid, 1);
+  EXPECT_EQ(out->color, 0);
+  EXPECT_EQ(out->comment, 0);
+  const cv_log_sink* file = cv_log_sink_at(CV_SINK_INDEX_FILE);
+  EXPECT_EQ(file->timestamp, 0);
+  EXPECT_EQ(file->showlevel, 0);
+  EXPECT_EQ(file->pid, 0);
+  EXPECT_EQ(file->tid + file->flush, 2);
+  EXPECT_EQ(cv_log_sink_at(CV_SINK_INDEX_STDERR)->comment, 1);  // untouched
+}
+
+TEST_F(CvLog, TokenizerWordsCommentsAndSeparators) {
+  j480test::TempDir dir;
+  std::string config = "  # a comment line\n\tMEM = debug , CBM=trace # trailing\n"
+                       "filename=\"" + dir.file("a b#c,d.log") + "\"\n";
+  use(config.c_str());
+  EXPECT_EQ(level_of("MEM"), CV_LOG_DEBUG);
+  EXPECT_EQ(level_of("CBM"), CV_LOG_TRACE);
+  EXPECT_EQ(std::string(cv_log_file_name()), dir.file("a b#c,d.log"));
+  EXPECT_NE(cv_log_sink_at(CV_SINK_INDEX_FILE)->stream, nullptr);
+}
+
+TEST_F(CvLog, ParseErrorReportsItsLineAndKeepsWhatWasParsed) {
+  struct {
+    const char* config;
+    int line;
+    int cbm_level;  // CBM's level afterwards: items before the error stay in force
+  } cases[] = {
+      {"CBM=debug\nstdout=bogus", 2, 3}, {"CBM=debug,PDT", 2, 3},      {"=debug", 1, 2},
+      {"CBM=debug:nocolor", 1, 2},       {"\n\n# c\nCBM=debug x", 4, 3},
+      {"CBM=debug\nfilename", 2, 3},     {"CBM=debug\nstdout=pid:", 2, 3},
+      {"CBM=debug\nfacility", 2, 3},     {"CBM=debug:", 1, 2},        {"CBM debug", 1, 2},
+  };
+  for (const auto& c : cases) {
+    use(c.config);
+    EXPECT_EQ(out_of([] { cv_log_facility_count(); }),
+              "error parsing configuration logger at line " + std::to_string(c.line) + "\n")
+        << c.config;
+    EXPECT_EQ(level_of("CBM"), c.cbm_level) << c.config;
+  }
+  use("stdout=pid:bogus");
+  out_of([] { cv_log_facility_count(); });
+  EXPECT_EQ(cv_log_sink_at(CV_SINK_INDEX_STDOUT)->pid, 1);  // applied up to the bad word
+  EXPECT_EQ(cv_log_sink_at(CV_SINK_INDEX_STDOUT)->color, 0);
+}
+
+TEST_F(CvLog, TheHundredTwentyEighthFacilityIsAParseError) {
+  std::string config;
+  for (int i = 0; i < 128; i++) config += "F" + std::to_string(i) + "=debug\n";
+  use(config.c_str());
+  EXPECT_EQ(out_of([] { cv_log_facility_count(); }),
+            "error parsing configuration logger at line 128\n");
+  EXPECT_EQ(cv_log_facility_count(), CV_LOG_MAX_FACILITIES);
+  EXPECT_EQ(level_of("F126"), CV_LOG_DEBUG);
+  EXPECT_EQ(level_of("F127"), CV_LOG_INFO);
+}
+
+TEST_F(CvLog, DefaultFileNameInTheLogDirectoryOrTheWorkingDirectory) {
+  j480test::TempDir dir;
+  setenv("CVLOG_DIRECTORY", dir.path().c_str(), 1);
+  use("CBM=file");
+  EXPECT_EQ(std::string(cv_log_file_name()), dir.file("corvane.log"));
+  CV_INFO("CBM", "here");
+  cv_log_reset_for_tests();
+  EXPECT_NE(read_file(dir.file("corvane.log")).find(" INFO:CBM:here\n"), std::string::npos);
+
+  j480test::TempDir other;
+  use(("filename=" + other.file("abs.log")).c_str());  // an absolute name stays
+  EXPECT_EQ(std::string(cv_log_file_name()), other.file("abs.log"));
+  EXPECT_NE(cv_log_sink_at(CV_SINK_INDEX_FILE)->stream, nullptr);  // opened, though unused
+  use("filename=rel.log");
+  EXPECT_EQ(std::string(cv_log_file_name()), dir.file("rel.log"));
+  unsetenv("CVLOG_DIRECTORY");
+  use("CBM=stdout");
+  EXPECT_EQ(cv_log_file_name(), nullptr);
+  EXPECT_EQ(cv_log_sink_at(CV_SINK_INDEX_FILE)->stream, nullptr);
+
+  char cwd[4096];
+  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+  j480test::TempDir work;
+  ASSERT_EQ(chdir(work.path().c_str()), 0);
+  use("default=file:stderr");
+  EXPECT_STREQ(cv_log_file_name(), "corvane.log");
+  err_of([] { CV_INFO(nullptr, "both"); });
+  cv_log_reset_for_tests();
+  EXPECT_TRUE(j480test::exists(work.file("corvane.log")));
+  ASSERT_EQ(chdir(cwd), 0);
+}
+
+// ---- Pieces, filters, transactions ----
+
+TEST_F(CvLog, LineInPiecesAndLevelFilter) {
+  use("CBM=debug");
+  EXPECT_TRUE(cv_log_enabled("CBM", CV_LOG_DEBUG));
+  EXPECT_FALSE(cv_log_enabled("CBM", CV_LOG_TRACE));
+  EXPECT_FALSE(cv_log_enabled("PDT", CV_LOG_DEBUG));
+  std::string err = err_of([] {
+    cv_log_line rec;
+    cv_log_begin(__FILE__, __LINE__, &rec, "CBM", CV_LOG_DEBUG);
+    cv_log_append(&rec, "a=%d", 1);
+    cv_log_append(&rec, ", b=%s\n", "two");
+    cv_log_end(&rec);
+    EXPECT_EQ(rec.buffer, nullptr);
+    cv_log_begin(__FILE__, __LINE__, &rec, "PDT", CV_LOG_DEBUG);
+    EXPECT_EQ(rec.buffer, nullptr);
+    cv_log_append(&rec, "dropped");
+    cv_log_end(&rec);
+  });
+  EXPECT_EQ(err, "#CBM:a=1, b=two\n");
+}
+
+TEST_F(CvLog, TransactionTableAndTxidDecoration) {
+  use("stderr=txid");
+  uint64_t me = cv_log_current_thread_id();
+  EXPECT_EQ(cv_log_thread_get_txid(me), 0);
+  cv_log_thread_set_txid(me, 9);  // no entry yet: nothing happens
+  EXPECT_EQ(cv_log_thread_get_txid(me), 0);
+  cv_log_thread_create(1001);  // the creator has no entry: 0
+  EXPECT_EQ(cv_log_thread_get_txid(1001), 0);
+  EXPECT_EQ(err_of([] { CV_INFO("A", "x"); }), "A:x\n");  // a zero txid is not printed
+  cv_log_thread_create(me);
+  cv_log_thread_set_txid(me, 9);
+  cv_log_thread_create(1002);  // inherits the creator's id
+  EXPECT_EQ(cv_log_thread_get_txid(1002), 9);
+  EXPECT_EQ(err_of([] { CV_INFO("A", "x"); }), "TXID 9:A:x\n");
+  cv_log_thread_destroy(me);
+  EXPECT_EQ(cv_log_thread_get_txid(me), 0);
+}
+
+TEST_F(CvLog, LinesOfConcurrentThreadsNeverInterleave) {
+  j480test::TempDir dir;
+  use(("default=file\nfile=tid\nfilename=" + dir.file("t.log")).c_str());
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; t++)
+    threads.emplace_back([t] {
+      for (int i = 0; i < 300; i++) CV_INFO("T", "thread %d line %d %s", t, i, "payload");
+    });
+  for (auto& th : threads) th.join();
+  cv_log_reset_for_tests();
+  std::vector<std::string> lines = j480test::split_lines(read_file(dir.file("t.log")));
+  ASSERT_EQ(lines.size(), 1200u);
+  std::regex shape("TID [0-9]+:T:thread [0-3] line [0-9]+ payload");
+  for (const std::string& l : lines) ASSERT_TRUE(std::regex_match(l, shape)) << l;
+}
+
+// ---- Assertions ----
+
+using CvLogDeathTest = CvLog;
+
+TEST_F(CvLogDeathTest, AssertionLogsExpressionAndVersionThenAborts) {
+  use("stderr=fileline");
+  volatile int one = 1;
+  EXPECT_DEATH(J480_ASSERT("CBM", one == 2),
+               "ERROR:CBM:[^\n]*cvlog_test\\.cc:[0-9]+:assertion \"one == 2\" failed\n"
+               "ERROR:CBM:[^\n]*cvlog_test\\.cc:[0-9]+:J480 Server version ");
+}
+
+TEST_F(CvLogDeathTest, AssertionWithMessageLogsFourLinesAndReachesTheLogFile) {
+  j480test::TempDir dir;
+  use(("MEMCONTEXT=file:stderr\nfilename=" + dir.file("a.log")).c_str());
+  volatile int size = 7;
+  EXPECT_DEATH(J480_ASSERT_MSG("MEMCONTEXT", size < 4, "size %d too big\n", size),
+               "ERROR:MEMCONTEXT:ASSERTION FAILED\n"
+               "ERROR:MEMCONTEXT:CODE: size < 4\n"
+               "ERROR:MEMCONTEXT:MESG: size 7 too big\n"
+               "ERROR:MEMCONTEXT:J480 Server version ");
+  std::string log = read_file(dir.file("a.log"));
+  EXPECT_NE(log.find("ERROR:MEMCONTEXT:MESG: size 7 too big\n"), std::string::npos) << log;
+  EXPECT_NE(log.find(std::string("ERROR:MEMCONTEXT:J480 Server version ") + version_str()),
+            std::string::npos);
+}
+
+}  // namespace
