@@ -153,8 +153,35 @@ enum cvconfig_property : int32_t {
 };
 constexpr int32_t CVCONFIG_NUM_PROPERTIES = 122;
 
-struct cvconfig;
+// A range (both ends inclusive, of type `tpe`: PROP_TPE_LNG or PROP_TPE_DBL) and an optional
+// further test.
+struct cvconfig_validator {
+  int32_t tpe;
+  prop_value min;
+  prop_value max;
+  int (*check)(int32_t tpe, prop_value value);
+};
+
 struct cvconfig_layer;
+
+// The root: owner of everything through `mem`.
+struct cvconfig {
+  MemContext* mem;               // "cvconfig", no parent
+  property* groups;              // group name -> group id (PROP_TPE_LNG)
+  const char** names;            // property id (1..122) -> name; entry 0 is null
+  const cvconfig_validator* validators;  // entry 0 means none
+  int32_t num_validators;
+  int32_t* property_validator;   // property id -> validator index
+  cvconfig_layer* defaults;      // the layer named "defaults"
+};
+
+struct cvconfig_layer {
+  MemContext* mem;
+  cvconfig* root;
+  const char* name;
+  property* groups[CVCONFIG_NUM_GROUPS + 1];  // one list per group id; entry 0 unused
+  cvconfig_layer* parent;
+};
 
 cvconfig* cvconfig_create();
 void cvconfig_destroy(cvconfig* root);
@@ -183,6 +210,11 @@ int cvconfig_parse_bool(const char* text, int* value);
 int cvconfig_validate(cvconfig_layer* layer, int32_t group_id, const char* name,
                       prop_value value, int32_t tpe);
 int32_t cvconfig_property_id(cvconfig_layer* layer, const char* name);
+// Group name to group id, 0 for an unknown name.
+int32_t cvconfig_group_id(cvconfig* root, const char* name);
+// The group id, type and default text of a property id (1..122); false for an unknown id.
+bool cvconfig_property_info(int32_t property_id, int32_t* group_id, int32_t* tpe,
+                            const char** default_text);
 int cvconf_validate_power2(int32_t tpe, prop_value value);
 
 #endif  // J480_UTILS_CVCONFIG_H

@@ -1,0 +1,291 @@
+// Configuration registry: size and boolean texts, validators, layers, the name table, defaults.
+#include "utils/cvconfig.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "utils/mem.h"
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+std::string Esc(const std::string& text) {  // a literal as a death-test pattern
+  std::string out;
+  for (char c : text) {
+    if (strchr("\\^$.|?*+()[]{}", c) != nullptr) out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+prop_value L(int64_t v) {
+  prop_value p;
+  p.l = v;
+  return p;
+}
+
+bool HasError(const std::string& err, const std::string& text) {
+  return err.find("ERROR:CVCONFIG:" + text) != std::string::npos;
+}
+
+class CvconfigTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = cvconfig_create();
+    defaults_ = cvconfig_defaults(root_);
+    cmdline_ = cvconfig_layer_create(nullptr, "cmdline", defaults_);
+  }
+  void TearDown() override { cvconfig_destroy(root_); }
+  cvconfig* root_ = nullptr;
+  cvconfig_layer* defaults_ = nullptr;
+  cvconfig_layer* cmdline_ = nullptr;
+};
+
+using CvconfigDeathTest = CvconfigTest;
+
+}  // namespace
+
+TEST(CvconfigParse, SizeTextsWithUnitsFractionsAndExponents) {
+  struct Case {
+    const char* text;
+    int64_t value;
+  } ok[] = {{"1.5K", 1536}, {"10 mb", 10485760}, {"1T", 1099511627776LL},
+            {"1tb", 1099511627776LL}, {"-1", -1}, {"1e3", 1000}, {"0.25e1k", 2560},
+            {" 16 K ", 16384}, {"7kB", 7168}, {"2147483648", 2147483648LL}, {"3g", 3221225472LL}};
+  for (const Case& c : ok) {
+    int64_t v = 77;
+    EXPECT_EQ(cvconfig_parse_size(c.text, &v), 1) << c.text;
+    EXPECT_EQ(v, c.value) << c.text;
+  }
+  for (const char* bad : {"1t b", "K", "10X", "", "1KBB", "5 k x", "1e400"}) {
+    int64_t v = 77;
+    CaptureStderr();
+    EXPECT_EQ(cvconfig_parse_size(bad, &v), 0) << bad;
+    std::string err = GetCapturedStderr();
+    EXPECT_EQ(v, 0) << bad;
+    EXPECT_TRUE(HasError(err, std::string("cvconfig_parse_size: can't parse: '") + bad + "'\n"))
+        << err;
+  }
+}
+
+TEST(CvconfigParse, BoolTextsAndTypedParse) {
+  for (const char* t : {"true", "TRUE", "Yes", "on", "2", "-3"}) {
+    int b = 0;
+    EXPECT_EQ(cvconfig_parse_bool(t, &b), 1);
+    EXPECT_EQ(b, 1) << t;
+  }
+  for (const char* t : {"false", "off", "0", "no", "maybe"}) {
+    int b = 1;
+    EXPECT_EQ(cvconfig_parse_bool(t, &b), 1);
+    EXPECT_EQ(b, 0) << t;
+  }
+
+  MemContext* mem = mem_context_create(nullptr, "parse_test");
+  prop_value v = L(5);
+  for (int32_t tpe : {PROP_TPE_ANY, PROP_TPE_BOOL, PROP_TPE_LNG, PROP_TPE_DBL, PROP_TPE_STR}) {
+    v = L(5);
+    EXPECT_EQ(cvconfig_parse(mem, "", tpe, &v), 1);
+    EXPECT_EQ(v.l, 0);
+    v = L(5);
+    EXPECT_EQ(cvconfig_parse(mem, nullptr, tpe, &v), 1);
+    EXPECT_EQ(v.l, 0);
+  }
+  EXPECT_EQ(cvconfig_parse(mem, "0.05", PROP_TPE_DBL, &v), 1);
+  EXPECT_DOUBLE_EQ(v.d, 0.05);
+  EXPECT_EQ(cvconfig_parse(mem, "abc", PROP_TPE_DBL, &v), 0);
+  EXPECT_EQ(cvconfig_parse(mem, "64K", PROP_TPE_LNG, &v), 1);
+  EXPECT_EQ(v.l, 65536);
+  char text[] = "US";
+  EXPECT_EQ(cvconfig_parse(mem, text, PROP_TPE_STR, &v), 1);
+  EXPECT_NE(v.s, text);
+  EXPECT_STREQ(v.s, "US");
+  CaptureStderr();
+  EXPECT_EQ(cvconfig_parse(mem, "1", 9, &v), 0);
+  EXPECT_TRUE(HasError(GetCapturedStderr(), "cvconfig_parse: invalid PropertyType 9\n"));
+  mem_context_remove(mem);
+}
+
+TEST_F(CvconfigTest, RangeAndPowerOfTwoValidators) {
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CBM, CVPROP_BLOCK_SIZE, 512 * 1024), 1);
+  CaptureStderr();
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CBM, CVPROP_BLOCK_SIZE, 768 * 1024), 0);
+  EXPECT_TRUE(HasError(GetCapturedStderr(),
+                       "cvconf_validate_power2: 786432 is not a power of two."));
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CBM, CVPROP_BLOCK_SIZE), 512 * 1024);
+
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CBM, CVPROP_BUFFERPOOL_SIZE), 0);
+  CaptureStderr();
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CBM, CVPROP_BUFFERPOOL_SIZE, 0), 0);
+  EXPECT_TRUE(HasError(GetCapturedStderr(),
+                       "cvconfig_validate: 0.000000 not between 33554432.000000 and "
+                       "281474976710656.000000."));
+
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CBM, CVPROP_IO_PREFETCH_BLOCKS, 0), 1);
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CBM, CVPROP_BUFFERPOOL_BLOCKS, -1), 1);
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CBM, CVPROP_BUFFERPOOL_BLOCKS), -1);
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_ENGINE, CVPROP_MAX_UPDATE_PARALLELISM_LEVEL, -1), 1);
+  CaptureStderr();
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_ENGINE, CVPROP_MAX_PARALLELISM_LEVEL, -1), 0);
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_ENGINE, CVPROP_MAX_PARALLELISM_LEVEL, 257), 0);
+  GetCapturedStderr();
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_ENGINE, CVPROP_MAX_PARALLELISM_LEVEL, 256), 1);
+
+  // Ratios: both ends inclusive.
+  CaptureStderr();
+  EXPECT_EQ(cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, 0.0), 0);
+  EXPECT_EQ(cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, 1.01), 0);
+  GetCapturedStderr();
+  EXPECT_EQ(cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, 1.0), 1);
+  EXPECT_EQ(cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, 0.0001), 1);
+
+  // Power of two on its own: doubles truncate first, other types are refused.
+  prop_value d;
+  d.d = 4.7;
+  EXPECT_EQ(cvconf_validate_power2(PROP_TPE_DBL, d), 1);
+  CaptureStderr();
+  EXPECT_EQ(cvconf_validate_power2(PROP_TPE_LNG, L(-4)), 0);
+  EXPECT_EQ(cvconf_validate_power2(PROP_TPE_STR, L(4)), 0);
+  std::string err = GetCapturedStderr();
+  EXPECT_TRUE(HasError(err, "cvconf_validate_power2: -4 is not a power of two.")) << err;
+  EXPECT_TRUE(HasError(err, "cvconf_validate_power2: unsupported property type")) << err;
+
+  // No validator for an unknown name; a boolean skips the range test.
+  EXPECT_EQ(cvconfig_validate(cmdline_, CVGROUP_CBM, "no_such_key", L(-5), PROP_TPE_LNG), 1);
+  EXPECT_EQ(cvconfig_validate(cmdline_, CVGROUP_SERVER, "port", L(70000), PROP_TPE_BOOL), 1);
+}
+
+TEST_F(CvconfigTest, PortInServerAndClientAreTwoPropertiesWithOneValidator) {
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_SERVER, CVPROP_PORT, 1000), 1);
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CLIENT, CVPROP_CLIENT_PORT, 2000), 1);
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_SERVER, CVPROP_PORT), 1000);
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CLIENT, CVPROP_CLIENT_PORT), 2000);
+  CaptureStderr();
+  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_SERVER, CVPROP_PORT, 65536), 0);
+  GetCapturedStderr();
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_SERVER, CVPROP_PORT), 1000);
+}
+
+TEST_F(CvconfigTest, LayersReadThroughParentsAndLastSetWins) {
+  EXPECT_EQ(cvconfig_get_str(cmdline_, CVGROUP_SERVER, CVPROP_DBNAME), nullptr);
+  EXPECT_EQ(cvconfig_set_str(cmdline_, CVGROUP_SERVER, CVPROP_DBNAME, "first"), 1);
+  EXPECT_EQ(cvconfig_set_str(cmdline_, CVGROUP_SERVER, CVPROP_DBNAME, "second"), 1);
+  EXPECT_STREQ(cvconfig_get_str(cmdline_, CVGROUP_SERVER, CVPROP_DBNAME), "second");
+  EXPECT_EQ(cvconfig_get_str(defaults_, CVGROUP_SERVER, CVPROP_DBNAME), nullptr);
+  EXPECT_STREQ(cvconfig_get_str(cmdline_, CVGROUP_SERVER, CVPROP_UMASK), "077");
+
+  EXPECT_EQ(cvconfig_set_bool(cmdline_, CVGROUP_MEMORY, CVPROP_USE_HUGE_TLB, 1), 1);
+  EXPECT_EQ(cvconfig_get_bool(cmdline_, CVGROUP_MEMORY, CVPROP_USE_HUGE_TLB), 1);
+  EXPECT_EQ(cvconfig_get_bool(defaults_, CVGROUP_MEMORY, CVPROP_USE_HUGE_TLB), 0);
+
+  // A third layer in its own context, and an untyped value readable by any getter.
+  MemContext* mem = mem_context_create(nullptr, "top");
+  cvconfig_layer* top = cvconfig_layer_create(mem, "top", cmdline_);
+  EXPECT_STREQ(cvconfig_get_str(top, CVGROUP_SERVER, CVPROP_DBNAME), "second");
+  EXPECT_EQ(cvconfig_set(top, CVGROUP_CBM, "block_size", L(8192), PROP_TPE_ANY, 0), 1);
+  EXPECT_EQ(cvconfig_get_lng(top, CVGROUP_CBM, CVPROP_BLOCK_SIZE), 8192);
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CBM, CVPROP_BLOCK_SIZE), 512 * 1024);
+  mem_context_remove(mem);
+
+  // A property read under a group that doesn't hold it exists nowhere.
+  CaptureStderr();
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_DEFAULT, CVPROP_PORT), 0);
+  EXPECT_EQ(cvconfig_get_bool(cmdline_, CVGROUP_CBM, 0), 0);
+  EXPECT_EQ(cvconfig_get_dbl(cmdline_, CVGROUP_CBM, 123), 0.0);
+  EXPECT_EQ(cvconfig_get_str(cmdline_, 8, CVPROP_DBNAME), nullptr);
+  std::string err = GetCapturedStderr();
+  EXPECT_NE(err.find("CVCONFIG:cvconfig_get_lng: invalid property with gid = 1 and pid = 6"),
+            std::string::npos) << err;
+  EXPECT_NE(err.find("cvconfig_get_bool: invalid property with gid = 5 and pid = 0"),
+            std::string::npos);
+  EXPECT_NE(err.find("cvconfig_get_dbl: invalid property with gid = 5 and pid = 123"),
+            std::string::npos);
+  EXPECT_NE(err.find("cvconfig_get_str: invalid property with gid = 8 and pid = 8"),
+            std::string::npos);
+}
+
+TEST_F(CvconfigTest, NameTableRoundTripsAndGroupsResolve) {
+  for (int32_t id = 1; id <= CVCONFIG_NUM_PROPERTIES; id++) {
+    const char* name = root_->names[id];
+    ASSERT_NE(name, nullptr);
+    EXPECT_EQ(cvconfig_property_id(cmdline_, name), id == CVPROP_PORT ? CVPROP_CLIENT_PORT : id)
+        << name;
+  }
+  EXPECT_EQ(cvconfig_property_id(cmdline_, "port"), 18);
+  EXPECT_EQ(cvconfig_property_id(cmdline_, "no_such_key"), 0);
+  EXPECT_EQ(cvconfig_group_id(root_, "default"), CVGROUP_DEFAULT);
+  EXPECT_EQ(cvconfig_group_id(root_, "engine"), CVGROUP_ENGINE);
+  EXPECT_EQ(cvconfig_group_id(root_, "cbm"), CVGROUP_CBM);
+  EXPECT_EQ(cvconfig_group_id(root_, "nope"), 0);
+}
+
+TEST(CvconfigDefaults, EveryPropertyIsPresentWithItsTypeAndNoDefaultFails) {
+  CaptureStderr();
+  cvconfig* root = cvconfig_create();
+  EXPECT_EQ(GetCapturedStderr(), "");
+  cvconfig_layer* d = cvconfig_defaults(root);
+  for (int32_t id = 1; id <= CVCONFIG_NUM_PROPERTIES; id++) {
+    int32_t gid = 0, tpe = -1;
+    ASSERT_TRUE(cvconfig_property_info(id, &gid, &tpe, nullptr));
+    property* p = property_find(d->groups[gid], root->names[id]);
+    ASSERT_NE(p, nullptr) << root->names[id];
+    EXPECT_EQ(p->tpe, tpe) << root->names[id];
+    EXPECT_EQ(p->cnt, 1);
+  }
+  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_SERVER, CVPROP_PORT), 48130);
+  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_CLIENT, CVPROP_CLIENT_PORT), 48130);
+  EXPECT_STREQ(cvconfig_get_str(d, CVGROUP_SERVER, CVPROP_DBLOCATION), "default");
+  EXPECT_STREQ(cvconfig_get_str(d, CVGROUP_SERVER, CVPROP_DATE_FORMAT), "US");
+  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_SERVER, CVPROP_CENTURY_BOUNDARY), -1);
+  EXPECT_EQ(cvconfig_get_str(d, CVGROUP_SERVER, CVPROP_DBFARM_PATH), nullptr);
+  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_MEMORY, CVPROP_MAX_MEMORY_SIZE), 0);
+  EXPECT_DOUBLE_EQ(cvconfig_get_dbl(d, CVGROUP_MEMORY, CVPROP_LARGE_ALLOCATION_LIMIT), 0.8);
+  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_MEMORY, CVPROP_MAX_OVERALLOC), 2LL << 30);
+  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_MEMORY, CVPROP_VHEAP_INITIAL_BUFFER_SIZE), 16384);
+  EXPECT_EQ(cvconfig_get_bool(d, CVGROUP_SYSTEM, CVPROP_LAZY_EVAL), 1);
+  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_SYSTEM, CVPROP_MAX_OLD_LOG_SIZE), 2147483648LL);
+  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_CBM, CVPROP_GROUP_SIZE), 8);
+  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_CBM, CVPROP_APPEND_MAX_TUPLES_TO_RECOMPRESS), 1 << 20);
+  EXPECT_STREQ(cvconfig_get_str(d, CVGROUP_ENGINE, CVPROP_SORT_COMPRESSION), "AUTO");
+  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_ENGINE, CVPROP_MEMFAIL_ANY_RANDOM_MAX), 1000);
+  cvconfig_destroy(root);
+}
+
+TEST(PropertyListDeathTest, LookupComparesTextNotJustPointersOrPrefixes) {
+  MemContext* mem = mem_context_create(nullptr, "plist");
+  property* list = nullptr;
+  property* a = property_add(mem, &list, "max_a", PROP_TPE_LNG, 2);
+  property* b = property_add(mem, &list, "max_b", PROP_TPE_LNG, 1);
+  property* e = property_add(mem, &list, "", PROP_TPE_LNG, 1);
+  char copy[] = "max_a";
+  EXPECT_EQ(property_find(list, copy), a);
+  EXPECT_EQ(property_find(list, "max_b"), b);
+  EXPECT_EQ(property_find(list, ""), e);
+  EXPECT_EQ(property_find(list, "max"), nullptr);
+  EXPECT_EQ(property_find(list, "m"), nullptr);
+  property_set(a, 1, L(9));
+  EXPECT_EQ(property_get(a, 1).l, 9);
+  EXPECT_EQ(property_get(a, 0).l, 0);
+  EXPECT_DEATH(property_set(a, 2, L(1)), Esc("assertion \"pos < p->cnt\" failed"));
+  mem_context_remove(mem);
+}
+
+TEST_F(CvconfigDeathTest, TypeMismatchesAndMissingLayersAreAssertions) {
+  EXPECT_DEATH(cvconfig_get_bool(cmdline_, CVGROUP_SERVER, CVPROP_PORT),
+               Esc("prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_BOOL"));
+  EXPECT_DEATH(cvconfig_get_lng(cmdline_, CVGROUP_SERVER, CVPROP_DBNAME),
+               Esc("prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_LNG"));
+  EXPECT_DEATH(cvconfig_get_dbl(cmdline_, CVGROUP_SERVER, CVPROP_PORT),
+               Esc("prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_DBL"));
+  EXPECT_DEATH(cvconfig_get_str(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE),
+               Esc("prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_STR"));
+  EXPECT_DEATH(cvconfig_set_str(defaults_, CVGROUP_SERVER, CVPROP_PORT, "1"),
+               Esc("assertion \"p->tpe == tpe\" failed"));
+  EXPECT_DEATH(cvconfig_set(nullptr, CVGROUP_SERVER, "port", L(1), PROP_TPE_LNG, 0),
+               Esc("assertion \"config\" failed"));
+  EXPECT_DEATH(cvconfig_layer_create(nullptr, "x", nullptr),
+               Esc("assertion \"mem || parent\" failed"));
+}
