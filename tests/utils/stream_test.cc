@@ -1,0 +1,330 @@
+// Byte streams: the mark rules of the openers, typed integers, sticky errors and I/O faults.
+#include "utils/stream.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "support/test_support.h"
+
+namespace {
+
+using j480test::read_file;
+using j480test::TempDir;
+using j480test::write_file;
+
+std::string Esc(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (strchr("\\^$.|?*+()[]{}", c) != nullptr) out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+std::string Native(const void* p, size_t n) { return std::string(static_cast<const char*>(p), n); }
+
+const int16_t kMark = STREAM_BYTEORDER;
+const std::string kMarkBytes = Native(&kMark, 2);
+
+std::string ErrorText(stream* s) {
+  char* t = stream_error_text(s);
+  std::string out = t;
+  free(t);
+  return out;
+}
+
+class StreamFaultTest : public testing::Test {
+ protected:
+  void TearDown() override { px_fault_disarm(); }
+  TempDir dir_;
+};
+
+}  // namespace
+
+TEST(Stream, BinaryRoundTripThenEndOfFileIsSticky) {
+  TempDir dir;
+  std::string path = dir.file("b");
+  stream* w = open_binary_write_stream(path.c_str(), "wb");
+  ASSERT_NE(w, nullptr);
+  ASSERT_EQ(stream_error(w), 0);
+  EXPECT_EQ(w->type, 1);
+  EXPECT_TRUE(stream_write_int(w, -5));
+  EXPECT_TRUE(stream_write_lng(w, 0x0102030405060708LL));
+  EXPECT_EQ(stream_write(w, "xyz", 1, 3), 3);
+  EXPECT_EQ(stream_write(w, "ignored", 0, 4), 4);
+  int64_t pos = -1;
+  EXPECT_EQ(stream_getpos(w, &pos), 0);
+  EXPECT_EQ(pos, 2 + 4 + 8 + 3);
+  EXPECT_EQ(stream_flush(w), 0);
+  EXPECT_EQ(stream_fsync(w), 0);
+  stream_close_destroy(w);
+  std::string bytes = read_file(path);
+  int32_t i = -5;
+  int64_t l = 0x0102030405060708LL;
+  EXPECT_EQ(bytes, kMarkBytes + Native(&i, 4) + Native(&l, 8) + "xyz");
+
+  stream* r = open_binary_read_stream(path.c_str());
+  ASSERT_EQ(stream_error(r), 0);
+  EXPECT_EQ(r->byteorder, 1234);
+  int32_t iv = 0;
+  int64_t lv = 0;
+  char buf[8] = {};
+  EXPECT_EQ(stream_read_int(r, &iv), 1);
+  EXPECT_EQ(iv, -5);
+  EXPECT_EQ(stream_read_lng(r, &lv), 1);
+  EXPECT_EQ(lv, 0x0102030405060708LL);
+  EXPECT_EQ(stream_read(r, buf, 1, 8), 3);  // short at the end: not an error
+  EXPECT_EQ(stream_error(r), 0);
+  EXPECT_EQ(stream_read(r, buf, 1, 1), 0);
+  EXPECT_EQ(stream_error(r), 0);
+
+  iv = 42;
+  EXPECT_EQ(stream_read_int(r, &iv), 0);
+  EXPECT_EQ(iv, 42);
+  EXPECT_EQ(stream_error(r), 2);
+  EXPECT_EQ(stream_read(r, buf, 1, 1), 2);  // sticky: no read
+  pos = 77;
+  EXPECT_EQ(stream_getpos(r, &pos), 2);
+  EXPECT_EQ(pos, 77);
+  EXPECT_EQ(stream_setpos(r, 2), 2);
+  EXPECT_EQ(ErrorText(r), "Error reading file " + path + "\n");
+
+  stream_clear_error(r);
+  EXPECT_EQ(stream_setpos(r, 2), 0);
+  EXPECT_EQ(stream_read_int(r, &iv), 1);
+  EXPECT_EQ(iv, -5);
+  EXPECT_EQ(stream_getpos(r, &pos), 0);
+  EXPECT_EQ(pos, 6);
+  stream_close(r);
+  EXPECT_EQ(r->handle, nullptr);
+  stream_close(r);  // a closed stream closes again as a no-op
+  stream_destroy(r);
+}
+
+TEST(Stream, MissingEmptyAndOneByteFilesFailToOpenForReading) {
+  TempDir dir;
+  write_file(dir.file("empty"), "");
+  write_file(dir.file("one"), "x");
+  for (const char* name : {"missing", "empty", "one"}) {
+    std::string path = dir.file(name);
+    stream* s = open_binary_read_stream(path.c_str());
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(stream_error(s), 1) << name;
+    EXPECT_EQ(s->handle, nullptr) << name;
+    EXPECT_STREQ(stream_name(s), path.c_str());
+    EXPECT_EQ(ErrorText(s), "Error could not open file " + path + "\n");
+    stream_close_destroy(s);
+  }
+  stream* t = open_text_read_stream(dir.file("missing").c_str());
+  EXPECT_EQ(stream_error(t), 1);
+  stream_close_destroy(t);
+}
+
+TEST(Stream, ForeignMarkSwapsTypedReadsButNotBulkReads) {
+  TempDir dir;
+  // A writer of the other byte order, and one with a mark that is nothing at all: both swap.
+  const std::string body = std::string("\x01\x02\x03\x04", 4) +
+                           std::string("\x00\x00\x00\x00\x00\x00\x01\x02", 8) + "\x0A\x0B";
+  for (const std::string& mark : {std::string("\x04\xD2", 2), std::string("\x00\x00", 2)}) {
+    std::string path = dir.file("foreign");
+    write_file(path, mark + body);
+    stream* r = open_binary_read_stream(path.c_str());
+    ASSERT_EQ(stream_error(r), 0);
+    EXPECT_NE(r->byteorder, 1234);
+    int32_t i = 0;
+    int64_t l = 0;
+    ASSERT_EQ(stream_read_int(r, &i), 1);
+    ASSERT_EQ(stream_read_lng(r, &l), 1);
+    EXPECT_EQ(i, 0x01020304);
+    EXPECT_EQ(l, 0x0102);
+    char raw[2];
+    EXPECT_EQ(stream_read(r, raw, 2, 1), 1);
+    EXPECT_EQ(std::string(raw, 2), "\x0A\x0B");
+    stream_close_destroy(r);
+  }
+}
+
+TEST(Stream, AppendWritesTheMarkOnlyIntoAnEmptyFile) {
+  TempDir dir;
+  std::string fresh = dir.file("fresh"), empty = dir.file("empty"), full = dir.file("full");
+  write_file(empty, "");
+  write_file(full, "content");
+  for (const std::string& p : {fresh, empty, full}) {
+    stream* s = open_binary_append_stream(p.c_str());
+    ASSERT_EQ(stream_error(s), 0);
+    EXPECT_EQ(s->access, ST_WRITE);
+    EXPECT_EQ(stream_write(s, "+", 1, 1), 1);
+    stream_close_destroy(s);
+  }
+  EXPECT_EQ(read_file(fresh), kMarkBytes + "+");
+  EXPECT_EQ(read_file(empty), kMarkBytes + "+");
+  EXPECT_EQ(read_file(full), "content+");
+
+  // "wb" truncates and marks; a text append never marks.
+  stream* w = open_binary_write_stream(full.c_str(), "wb");
+  stream_close_destroy(w);
+  EXPECT_EQ(read_file(full), kMarkBytes);
+  stream* t = open_text_append_stream(empty.c_str());
+  EXPECT_EQ(t->type, 0);
+  EXPECT_EQ(stream_write(t, "line\n", 1, 5), 5);
+  stream_close_destroy(t);
+  EXPECT_EQ(read_file(empty), kMarkBytes + "+line\n");
+}
+
+TEST(Stream, UpdateStreamMarksTheHeadOfAnExistingFileOnly) {
+  TempDir dir;
+  std::string path = dir.file("u");
+  write_file(path, "ABCDEFGH");
+  stream* s = open_binary_update_stream(path.c_str());
+  ASSERT_EQ(stream_error(s), 0);
+  EXPECT_EQ(stream_setpos(s, 6), 0);
+  EXPECT_TRUE(stream_write_int(s, 0x31313131));
+  stream_close_destroy(s);
+  EXPECT_EQ(read_file(path), kMarkBytes + "CDEF1111");
+
+  stream* m = open_binary_update_stream(dir.file("nothing").c_str());
+  EXPECT_EQ(stream_error(m), 1);
+  stream_close_destroy(m);
+  EXPECT_FALSE(j480test::exists(dir.file("nothing")));
+}
+
+TEST(Stream, TextStreamsHaveNoMarkAndErrorTextsNameTheFile) {
+  TempDir dir;
+  std::string path = dir.file("t.txt");
+  stream* w = open_text_write_stream(path.c_str());
+  EXPECT_EQ(stream_write(w, "a,b\n", 1, 4), 4);
+  EXPECT_EQ(ErrorText(w), "Unknown error\n");
+  w->errnr = 3;
+  EXPECT_EQ(ErrorText(w), "Error writing file " + path + "\n");
+  EXPECT_EQ(stream_write(w, "x", 1, 1), 3);
+  EXPECT_FALSE(stream_write_int(w, 1));
+  EXPECT_EQ(stream_flush(w), 3);
+  stream_close_destroy(w);
+  EXPECT_EQ(read_file(path), "a,b\n");
+
+  stream* r = open_text_read_stream(path.c_str());
+  char buf[4];
+  EXPECT_EQ(stream_read(r, buf, 1, 4), 4);
+  EXPECT_EQ(std::string(buf, 4), "a,b\n");
+  stream_close_destroy(r);
+}
+
+TEST(Stream, NullStreamAnswers) {
+  EXPECT_STREQ(stream_name(nullptr), "connection terminated");
+  EXPECT_EQ(stream_error(nullptr), 2);
+  EXPECT_EQ(stream_flush(nullptr), -1);
+  EXPECT_EQ(stream_fsync(nullptr), -1);
+  int64_t pos = 0;
+  EXPECT_EQ(stream_getpos(nullptr, &pos), -1);
+  EXPECT_EQ(stream_setpos(nullptr, 0), -1);
+  EXPECT_FALSE(stream_write_int(nullptr, 1));
+  EXPECT_FALSE(stream_write_lng(nullptr, 1));
+  stream_close(nullptr);
+  stream_destroy(nullptr);
+  stream_clear_error(nullptr);
+}
+
+TEST(Stream, PositionsBeyondFourGigabytes) {
+  TempDir dir;
+  std::string path = dir.file("sparse");
+  write_file(path, kMarkBytes);
+  ASSERT_EQ(truncate(path.c_str(), (5LL << 30) + 8), 0);  // sparse
+  stream* r = open_binary_read_stream(path.c_str());
+  ASSERT_EQ(stream_setpos(r, 5LL << 30), 0);
+  int64_t pos = 0;
+  EXPECT_EQ(stream_getpos(r, &pos), 0);
+  EXPECT_EQ(pos, 5LL << 30);
+  int64_t v = -1;
+  EXPECT_EQ(stream_read_lng(r, &v), 1);
+  EXPECT_EQ(v, 0);
+  stream_close_destroy(r);
+}
+
+TEST_F(StreamFaultTest, FailedOpenMarkWriteAndMarkReadGiveOpenError) {
+  std::string path = dir_.file("f");
+  px_fault_arm(1, EACCES);  // fopen
+  stream* s = open_binary_write_stream(path.c_str(), "wb");
+  EXPECT_EQ(stream_error(s), 1);
+  stream_close_destroy(s);
+
+  px_fault_arm(2, ENOSPC);  // the mark's fwrite
+  s = open_binary_write_stream(path.c_str(), "wb");
+  EXPECT_EQ(stream_error(s), 1);
+  stream_close_destroy(s);
+
+  write_file(path, kMarkBytes + "data");
+  px_fault_arm(2, EIO);  // the mark's fread
+  s = open_binary_read_stream(path.c_str());
+  EXPECT_EQ(stream_error(s), 1);
+  EXPECT_EQ(s->handle, nullptr);
+  stream_close_destroy(s);
+}
+
+TEST_F(StreamFaultTest, ReadFaultIsAReadErrorAndStaysUntilCleared) {
+  std::string path = dir_.file("r");
+  write_file(path, kMarkBytes + "0123456789");
+  stream* s = open_binary_read_stream(path.c_str());
+  px_fault_arm(1, EIO);
+  char buf[4];
+  EXPECT_EQ(stream_read(s, buf, 1, 4), 0);
+  EXPECT_EQ(stream_error(s), 2);
+  EXPECT_EQ(stream_read(s, buf, 1, 4), 2);
+  stream_clear_error(s);
+  EXPECT_EQ(stream_read(s, buf, 1, 4), 4);
+  EXPECT_EQ(std::string(buf, 4), "0123");
+  px_fault_arm(1, EIO);
+  int32_t v = 0;
+  EXPECT_EQ(stream_read_int(s, &v), 0);
+  EXPECT_EQ(stream_error(s), 2);
+  stream_close_destroy(s);
+}
+
+TEST_F(StreamFaultTest, WriteFlushAndFsyncFaultsAreWriteErrors) {
+  std::string path = dir_.file("w");
+  stream* s = open_binary_write_stream(path.c_str(), "wb");
+  px_fault_arm(1, ENOSPC);  // fwrite
+  EXPECT_FALSE(stream_write_lng(s, 7));
+  EXPECT_EQ(stream_error(s), 3);
+  EXPECT_EQ(stream_write(s, "x", 1, 1), 3);
+  EXPECT_EQ(stream_fsync(s), 3);
+  stream_clear_error(s);
+
+  EXPECT_TRUE(stream_write_int(s, 1));
+  px_fault_arm(1, EIO);  // fflush
+  EXPECT_EQ(stream_flush(s), 1);
+  EXPECT_EQ(stream_error(s), 3);
+  stream_clear_error(s);
+
+  px_fault_arm(2, EIO);  // fsync after its fflush
+  EXPECT_EQ(stream_fsync(s), 1);
+  EXPECT_EQ(stream_error(s), 3);
+  stream_clear_error(s);
+
+  px_fault_arm(1, EIO);  // ftello
+  int64_t pos = 9;
+  EXPECT_EQ(stream_getpos(s, &pos), -1);
+  EXPECT_EQ(pos, 9);
+  px_fault_disarm();
+  stream_close_destroy(s);
+  int32_t one = 1;
+  EXPECT_EQ(read_file(path), kMarkBytes + Native(&one, 4));
+}
+
+TEST(StreamDeathTest, AccessModeAndNullStreamAssertions) {
+  TempDir dir;
+  std::string path = dir.file("d");
+  write_file(path, kMarkBytes);
+  stream* r = open_binary_read_stream(path.c_str());
+  EXPECT_DEATH(stream_write(r, "x", 1, 1), Esc("assertion \"s->access == ST_WRITE\" failed"));
+  EXPECT_DEATH(stream_flush(r), Esc("assertion \"s->access == ST_WRITE\" failed"));
+  stream* w = open_text_append_stream(path.c_str());
+  char c;
+  EXPECT_DEATH(stream_read(w, &c, 1, 1), Esc("assertion \"s->access == ST_READ\" failed"));
+  EXPECT_DEATH(stream_close_destroy(nullptr), Esc("assertion \"s\" failed"));
+  stream_close_destroy(w);
+  stream_close_destroy(r);
+}
