@@ -160,6 +160,10 @@ inline int px_stat(const char* path, struct stat* st) {
   if (px_fault_hit()) return -1;
   return stat(path, st);
 }
+inline int px_lstat(const char* path, struct stat* st) {
+  if (px_fault_hit()) return -1;
+  return lstat(path, st);
+}
 inline int px_fstat(int fd, struct stat* st) {
   if (px_fault_hit()) return -1;
   return fstat(fd, st);
