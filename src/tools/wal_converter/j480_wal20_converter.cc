@@ -1,3 +1,123 @@
+// j480_wal20_converter: the run sequence of the tool.
+//
+// Builds the configuration, logs the banner, parses the options, checks the CBM directory,
+// brings up the kernel and runs the conversion stages in their fixed order. Every way out after
+// the option parse passes one tail that logs the closing line and tears everything down.
+// Stages that are not part of this build end the run in the tail with -1: the tool never
+// reports a conversion that did not happen.
 #include "tools/wal_converter/j480_wal20_converter.h"
 
-int j480_wal20_converter_main(int, char**) { return -1; }
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "kernel/kernel.h"
+#include "utils/cvconfig.h"
+#include "utils/cvlog.h"
+#include "utils/file.h"
+#include "utils/posix.h"
+#include "utils/str_funcs.h"
+#include "utils/version.h"
+
+#define WAL_CONVERTER "WAL_CONVERTER"
+
+namespace {
+
+const char* program_name(int argc, char** argv) {
+  return argc > 0 && argv[0] != nullptr ? argv[0] : "j480_wal20_converter";
+}
+
+void print_usage(const char* name) {
+  fputs("J480 WAL 2.0 converter\n\n", stdout);
+  fprintf(stdout, "Usage: %s [OPTIONS]\n", name);
+  fputs("Converts J480 2.0 metadata to 2.5 format.\n\n", stdout);
+  fputs(
+      "Options:\n"
+      "  --version                      prints server version end exits\n"
+      "  --dbfarm <storage location>    sets storage filesystem location\n"
+      "  --dbname <database name>       sets database name\n"
+      "  --dumplog                      dumps old and new metadata as XML file\n",
+      stdout);
+}
+
+}  // namespace
+
+int j480_wal20_converter_main(int argc, char** argv) {
+  px_fault_arm_from_env();
+
+  cvconfig* config = cvconfig_create();
+  cvconfig_layer* cmdline = cvconfig_layer_create(nullptr, "cmdline", cvconfig_defaults(config));
+  int dump_log = 0;
+  char* db_cbm_path = nullptr;
+  int result = 0;
+
+  CV_INFO(WAL_CONVERTER, "J480 WAL 2.0 converter version %s", version_str());
+
+  for (int i = 1; i < argc;) {
+    const char* arg = argv[i];
+    if (strcmp(arg, "--dbfarm") == 0 && i + 1 < argc) {
+      cvconfig_set_str(cmdline, CVGROUP_SERVER, CVPROP_DBFARM_PATH, argv[i + 1]);
+      i += 2;
+    } else if (strcmp(arg, "--dbname") == 0 && i + 1 < argc) {
+      cvconfig_set_str(cmdline, CVGROUP_SERVER, CVPROP_DBNAME, argv[i + 1]);
+      i += 2;
+    } else if (strcmp(arg, "--dumplog") == 0) {
+      dump_log = 1;
+      i += 1;
+    } else if (strcmp(arg, "--version") == 0) {
+      fprintf(stdout, "%s\n%s\n", program_name(argc, argv), version_str());
+      exit(0);
+    } else {
+      print_usage(program_name(argc, argv));
+      return -1;
+    }
+  }
+
+  // Nothing in the tool reads it back; the layer holds it for the kernel code it shares.
+  cvconfig_set_lng(cmdline, CVGROUP_CBM, CVPROP_BUFFERPOOL_BLOCKS, -1);
+
+  const char* dbfarm = cvconfig_get_str(cmdline, CVGROUP_SERVER, CVPROP_DBFARM_PATH);
+  const char* dbname = cvconfig_get_str(cmdline, CVGROUP_SERVER, CVPROP_DBNAME);
+  (void)dump_log;
+  if (str_empty(dbfarm) || str_empty(dbname)) {
+    CV_ERROR(WAL_CONVERTER, "No database farm and/or name.");
+    result = -1;
+    goto tail;
+  }
+
+  {
+    long long size = static_cast<long long>(strlen(dbfarm) + strlen(dbname) + 6);
+    db_cbm_path = static_cast<char*>(malloc(static_cast<size_t>(size)));
+    if (db_cbm_path == nullptr) {
+      CV_ERROR(WAL_CONVERTER, "Out of memory, could not allocate %lld bytes for database path",
+               size);
+      result = -1;
+      goto tail;
+    }
+    str_printf(db_cbm_path, static_cast<size_t>(size), "%s%c%s%cCBM", dbfarm, J480_PATH_SEP,
+               dbname, J480_PATH_SEP);
+  }
+  if (!file_exists(db_cbm_path)) {
+    CV_ERROR(WAL_CONVERTER, "Database '%s' in path '%s' does not exist or is invalid. Aborting.",
+             dbname, dbfarm);
+    result = -1;
+    goto tail;
+  }
+
+  CV_INFO(WAL_CONVERTER, "Converting WAL for database '%s' in '%s'", dbname, dbfarm);
+
+  kernel_init(cmdline);
+
+  // The storage replay and the 2.5 writer are not part of this build.
+  CV_ERROR(WAL_CONVERTER,
+           "The 2.0 to 2.5 conversion is not available in this build; '%s' is left unchanged.",
+           db_cbm_path);
+  result = -1;
+
+tail:
+  CV_INFO(WAL_CONVERTER, "Done converting. Exiting.");
+  cvconfig_destroy(config);
+  kernel_exit();
+  free(db_cbm_path);
+  return result;
+}

@@ -1,0 +1,152 @@
+// The command line and run sequence of the built tool: standard output, the log on standard
+// error, and the exit value as a shell sees it.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/test_support.h"
+
+using j480test::RunResult;
+using j480test::split_lines;
+
+namespace {
+
+const std::string kBin = J480_CONVERTER_BIN;
+
+const char kUsageTail[] =
+    " [OPTIONS]\n"
+    "Converts J480 2.0 metadata to 2.5 format.\n\n"
+    "Options:\n"
+    "  --version                      prints server version end exits\n"
+    "  --dbfarm <storage location>    sets storage filesystem location\n"
+    "  --dbname <database name>       sets database name\n"
+    "  --dumplog                      dumps old and new metadata as XML file\n";
+
+std::string usage_text() { return "J480 WAL 2.0 converter\n\nUsage: " + kBin + kUsageTail; }
+
+RunResult run(const std::vector<std::string>& args) { return j480test::run_binary(kBin, args); }
+
+// The version text, as the tool prints it for --version.
+std::string version_text() {
+  RunResult r = run({"--version"});
+  std::vector<std::string> lines = split_lines(r.out);
+  return lines.size() == 2 ? lines[1] : "";
+}
+
+std::string banner() { return "#WAL_CONVERTER:J480 WAL 2.0 converter version " + version_text(); }
+
+const char kTail[] = "#WAL_CONVERTER:Done converting. Exiting.";
+
+}  // namespace
+
+TEST(CommandLine, VersionPrintsArgv0AndVersionAndExitsZeroAfterTheBanner) {
+  RunResult r = run({"--version"});
+  EXPECT_EQ(r.status, 0);
+  std::vector<std::string> out = split_lines(r.out);
+  ASSERT_EQ(out.size(), 2u);
+  EXPECT_EQ(out[0], kBin);
+  EXPECT_EQ(out[1].rfind("j480-vs9-OPTXPROF-64(", 0), 0u) << out[1];
+  EXPECT_NE(out[1].find(") built on "), std::string::npos);
+  EXPECT_NE(out[1].find(" with Microsoft Compiler version "), std::string::npos);
+  // The revision piece is overwritten by the branch piece.
+  EXPECT_EQ(out[1].find("-r"), std::string::npos);
+  EXPECT_EQ(split_lines(r.err), std::vector<std::string>{banner()});
+
+  std::string argv0 = "converter-under-another-name";
+  RunResult named = j480test::run_binary(kBin, {"--version"}, {}, "", &argv0);
+  EXPECT_EQ(split_lines(named.out)[0], argv0);
+}
+
+TEST(CommandLine, VersionAfterValidOptionsWinsWhateverFollows) {
+  RunResult r = run({"--dbfarm", "/nowhere", "--dumplog", "--version", "--bogus", "--dbname"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(split_lines(r.out).size(), 2u);
+  EXPECT_EQ(split_lines(r.err), std::vector<std::string>{banner()});
+}
+
+TEST(CommandLine, UnknownOptionOrMissingValuePrintsUsageAndReturnsMinusOneWithoutTail) {
+  const std::vector<std::vector<std::string>> cases = {
+      {"--help"},
+      {"-h"},
+      {"--dbfarm=/x"},
+      {"--DBFARM", "/x"},
+      {"--dbfarm"},
+      {"--dbname", "db", "--dbfarm"},
+      {"--dbname"},
+      {"--bogus", "--version"},  // --version after an unknown option is never reached
+      {""},
+  };
+  for (const auto& args : cases) {
+    RunResult r = run(args);
+    SCOPED_TRACE(args[0]);
+    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.out, usage_text());
+    EXPECT_EQ(split_lines(r.err), std::vector<std::string>{banner()});
+  }
+}
+
+TEST(CommandLine, MissingOrEmptyFarmOrNameEndsInTheTail) {
+  const std::vector<std::vector<std::string>> cases = {
+      {},
+      {"--dbfarm", "/x"},
+      {"--dbname", "db"},
+      {"--dbfarm", "", "--dbname", "db"},
+      {"--dbfarm", "/x", "--dbname", ""},
+      {"--dumplog"},
+  };
+  for (const auto& args : cases) {
+    RunResult r = run(args);
+    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.out, "");
+    std::vector<std::string> expected = {
+        banner(), "ERROR:WAL_CONVERTER:No database farm and/or name.", kTail};
+    EXPECT_EQ(split_lines(r.err), expected);
+  }
+}
+
+TEST(CommandLine, MissingCbmDirectoryNamesDatabaseThenFarm) {
+  j480test::TempDir farm;
+  j480test::make_dirs(farm.file("db1"));  // the database exists, its CBM does not
+  RunResult r = run({"--dbfarm", farm.path(), "--dbname", "db1"});
+  EXPECT_EQ(r.status, 255);
+  std::vector<std::string> expected = {
+      banner(),
+      "ERROR:WAL_CONVERTER:Database 'db1' in path '" + farm.path() +
+          "' does not exist or is invalid. Aborting.",
+      kTail};
+  EXPECT_EQ(split_lines(r.err), expected);
+}
+
+TEST(CommandLine, RepeatedOptionsTakeTheLastValueAndValuesAreTakenUnseen) {
+  RunResult r = run({"--dbfarm", "/a", "--dbname", "x", "--dbfarm", "/b", "--dbname", "y"});
+  EXPECT_NE(r.err.find("Database 'y' in path '/b' does not exist"), std::string::npos) << r.err;
+
+  // "--dumplog" is the farm here, not the flag; the farm is still checked.
+  r = run({"--dbfarm", "--dumplog", "--dbname", "--version"});
+  EXPECT_EQ(r.status, 255);
+  EXPECT_NE(r.err.find("Database '--version' in path '--dumplog' does not exist"),
+            std::string::npos)
+      << r.err;
+}
+
+TEST(RunSequence, PastTheCbmCheckTheRunEndsWithoutConvertingAndLeavesFilesAlone) {
+  j480test::TempDir farm;
+  std::string cbm = farm.file("db/CBM");
+  j480test::make_dirs(cbm);
+  j480test::write_file(cbm + "/LOG", std::string("\xD2\x04", 2));
+  j480test::write_file(cbm + "/location_map", "");
+  RunResult r = run({"--dbname", "db", "--dbfarm", farm.path()});
+  EXPECT_EQ(r.status, 255);
+  std::vector<std::string> lines = split_lines(r.err);
+  ASSERT_GE(lines.size(), 4u);
+  EXPECT_EQ(lines[0], banner());
+  EXPECT_EQ(lines[1], "#WAL_CONVERTER:Converting WAL for database 'db' in '" + farm.path() + "'");
+  EXPECT_EQ(lines[lines.size() - 2].rfind("ERROR:WAL_CONVERTER:", 0), 0u);
+  EXPECT_NE(lines[lines.size() - 2].find("not available in this build"), std::string::npos);
+  EXPECT_EQ(lines.back(), kTail);
+  EXPECT_EQ(r.err.find("Done converting. Exiting.\n#"), std::string::npos);
+  EXPECT_EQ(j480test::read_file(cbm + "/LOG"), std::string("\xD2\x04", 2));
+  EXPECT_FALSE(j480test::exists(cbm + "/LOG.new"));
+  EXPECT_FALSE(j480test::exists(cbm + "/LOG.j480_20"));
+}
