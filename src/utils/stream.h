@@ -142,8 +142,10 @@ inline int64_t stream_write(stream* s, const void* buffer, size_t item_size, siz
 }
 
 // Typed reads go to the read operation even with errnr set; nothing read sets errnr to 2.
+// A null stream reads nothing.
 inline int stream_read_int(stream* s, int32_t* value) {
   int32_t v;
+  if (__builtin_expect(s == nullptr, 0)) return 0;
   if (stream_detail::do_read(s, &v, sizeof v, 1) != 1) {
     s->errnr = STREAM_READ_ERROR;
     return 0;
@@ -155,6 +157,7 @@ inline int stream_read_int(stream* s, int32_t* value) {
 
 inline int stream_read_lng(stream* s, int64_t* value) {
   int64_t v;
+  if (__builtin_expect(s == nullptr, 0)) return 0;
   if (stream_detail::do_read(s, &v, sizeof v, 1) != 1) {
     s->errnr = STREAM_READ_ERROR;
     return 0;
