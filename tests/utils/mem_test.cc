@@ -1,0 +1,720 @@
+// Memory contexts: accounting against a model, area and block rules, limits, failure paths,
+// removal, formatting helpers and the statistics.
+#include "utils/mem.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "utils/cvlog.h"
+#include "utils/longjmp_ctx.h"
+#include "utils/posix.h"
+#include "utils/system.h"
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+constexpr uint64_t MiB = 1024 * 1024;
+
+// Saves the process-wide memory state a test changes, and restores it.
+class MemTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::lock_guard<std::mutex> lock(g_system_account.lock);
+    saved_mem_ = g_system_account.maxMem;
+    saved_vm_ = g_system_account.maxVM;
+    saved_cur_mem_ = g_system_account.curMem;
+    saved_cur_vm_ = g_system_account.curVM;
+    saved_settings_ = g_system_memory;
+    saved_platform_ = g_system_platform;
+    cv_log_enabled("MEMCONTEXT", CV_LOG_INFO);  // the logger reads its files before faults are armed
+    root_ = mem_context_create(nullptr, "mem_test");
+  }
+  void TearDown() override {
+    px_fault_disarm();
+    if (root_) mem_context_remove(root_);
+    std::lock_guard<std::mutex> lock(g_system_account.lock);
+    EXPECT_EQ(g_system_account.curMem, saved_cur_mem_) << "a share was not handed back";
+    EXPECT_EQ(g_system_account.curVM, saved_cur_vm_) << "a share was not handed back";
+    g_system_account.maxMem = saved_mem_;
+    g_system_account.maxVM = saved_vm_;
+    g_system_memory = saved_settings_;
+    g_system_platform = saved_platform_;
+  }
+  static void expect_consistent(const MemContext* ctx) {
+    std::string why;
+    EXPECT_TRUE(mem_context_check(ctx, &why)) << why;
+  }
+  // Limits the account to what is in use now plus `room`.
+  static void limit_account(uint64_t room) {
+    std::lock_guard<std::mutex> lock(g_system_account.lock);
+    g_system_account.maxMem = g_system_account.curMem + room;
+  }
+
+  MemContext* root_ = nullptr;
+  uint64_t saved_mem_ = 0, saved_vm_ = 0, saved_cur_mem_ = 0, saved_cur_vm_ = 0;
+  system_memory_settings saved_settings_{};
+  system_platform saved_platform_{};
+};
+using MemDeathTest = MemTest;
+
+std::string Esc(const std::string& text) {  // a literal as a death-test pattern
+  std::string out;
+  for (char c : text) {
+    if (strchr("\\^$.|?*+()[]{}", c) != nullptr) out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+uint8_t pattern(uint32_t seed, uint64_t i) { return static_cast<uint8_t>(seed + i * 31 + (i >> 8)); }
+
+void fill(void* p, uint64_t size, uint32_t seed) {
+  auto* b = static_cast<uint8_t*>(p);
+  for (uint64_t i = 0; i < size; i++) b[i] = pattern(seed, i);
+}
+
+// Checks the whole of a small block, and samples of a big one.
+bool intact(const void* p, uint64_t size, uint32_t seed) {
+  const auto* b = static_cast<const uint8_t*>(p);
+  const uint64_t stride = size <= 4096 ? 1 : 257;
+  for (uint64_t i = 0; i < size; i += stride)
+    if (b[i] != pattern(seed, i)) return false;
+  return size == 0 || b[size - 1] == pattern(seed, size - 1);
+}
+
+int live_blocks(const MemContext* ctx) {
+  int n = 0;
+  for (const mem_area* list : {ctx->areas, ctx->large_areas})
+    for (const mem_area* a = list; a; a = a->next) n += a->ref;
+  return n;
+}
+
+// ---- Randomized operations against a model ----
+
+struct ModelBlock {
+  void* p;
+  uint64_t size;
+  uint32_t seed;
+  int ctx;
+};
+
+struct Model {
+  std::vector<MemContext*> ctxs;  // index 0 is the test's root
+  std::vector<int> parent;        // -1 for the root, -2 once removed
+  std::vector<ModelBlock> blocks;
+
+  bool removed(int i) const { return parent[i] == -2; }
+  bool in_subtree(int i, int top) const {
+    for (; i >= 0; i = parent[i])
+      if (i == top) return true;
+    return false;
+  }
+};
+
+void run_random(MemContext* root, uint32_t seed, int steps) {
+  std::mt19937 rng(seed);
+  auto pick = [&rng](uint64_t lo, uint64_t hi) {
+    return std::uniform_int_distribution<uint64_t>(lo, hi)(rng);
+  };
+  Model m;
+  m.ctxs.push_back(root);
+  m.parent.push_back(-1);
+  uint32_t next_seed = seed * 7919u;
+  const int flag_choices[] = {0, 0, 0, J480_MEM_LARGE, J480_MEM_EXACT, J480_MEM_ALLOWFAILURE,
+                              J480_MEM_LARGE | J480_MEM_ALLOWFAILURE, J480_MEM_FORCE};
+
+  auto random_ctx = [&]() {
+    for (;;) {
+      int i = static_cast<int>(pick(0, m.ctxs.size() - 1));
+      if (!m.removed(i)) return i;
+    }
+  };
+  auto random_size = [&]() -> uint64_t {
+    uint64_t r = pick(0, 99);
+    if (r < 70) return pick(0, 256);
+    if (r < 90) return pick(257, 20000);
+    if (r < 98) return pick(20001, 300000);
+    return pick(500000, 1200000);
+  };
+
+  for (int step = 0; step < steps; step++) {
+    const uint64_t op = pick(0, 99);
+    std::string what;
+    if (op < 40 || m.blocks.empty()) {  // allocate or zero-allocate
+      const int c = random_ctx();
+      const uint64_t size = random_size();
+      const int flags = flag_choices[pick(0, 7)];
+      const bool zeroed = pick(0, 5) == 0;
+      void* p = zeroed ? mem_callocex(m.ctxs[c], size, flags) : mem_mallocex(m.ctxs[c], size, flags);
+      ASSERT_NE(p, nullptr);
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % J480_ALIGN, 0u);
+      if (zeroed) {
+        const auto* b = static_cast<const uint8_t*>(p);
+        for (uint64_t i = 0; i < size; i++) ASSERT_EQ(b[i], 0) << "calloc byte " << i;
+      }
+      fill(p, size, ++next_seed);
+      m.blocks.push_back({p, size, next_seed, c});
+      what = "alloc " + std::to_string(size) + " flags " + std::to_string(flags);
+    } else if (op < 60) {  // free
+      const size_t i = pick(0, m.blocks.size() - 1);
+      mem_free(m.ctxs[m.blocks[i].ctx], m.blocks[i].p);
+      m.blocks.erase(m.blocks.begin() + static_cast<long>(i));
+      what = "free";
+    } else if (op < 80) {  // grow, keeping or zeroing the tail
+      ModelBlock& b = m.blocks[pick(0, m.blocks.size() - 1)];
+      const uint64_t size = b.size + pick(0, b.size + 300);
+      const bool ex = pick(0, 1) == 0;
+      const int flags = pick(0, 3) == 0 ? J480_MEM_ALLOWFAILURE : 0;
+      void* p = ex ? mem_reallocex(m.ctxs[b.ctx], b.p, size, flags)
+                   : mem_realloc(m.ctxs[b.ctx], b.p, size, flags);
+      ASSERT_NE(p, nullptr);
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % J480_ALIGN, 0u);
+      ASSERT_TRUE(intact(p, b.size, b.seed)) << "realloc lost the contents";
+      if (ex) {
+        const auto* t = static_cast<const uint8_t*>(p);
+        for (uint64_t i = b.size; i < size; i++) ASSERT_EQ(t[i], 0) << "tail byte " << i;
+      }
+      b.p = p;
+      b.size = size;
+      b.seed = ++next_seed;
+      fill(p, size, b.seed);
+      what = "realloc " + std::to_string(size);
+    } else if (op < 90) {  // new child
+      if (m.ctxs.size() < 16) {
+        const int c = random_ctx();
+        m.ctxs.push_back(mem_context_create(m.ctxs[c], "child"));
+        m.parent.push_back(c);
+      }
+      what = "create";
+    } else {  // remove a subtree
+      const int c = random_ctx();
+      if (c != 0) {
+        EXPECT_EQ(mem_context_remove(m.ctxs[c]), nullptr);
+        std::vector<int> gone;
+        for (size_t i = 0; i < m.ctxs.size(); i++)
+          if (!m.removed(static_cast<int>(i)) && m.in_subtree(static_cast<int>(i), c))
+            gone.push_back(static_cast<int>(i));
+        for (int i : gone) m.parent[i] = -2;
+        std::erase_if(m.blocks, [&](const ModelBlock& b) { return m.removed(b.ctx); });
+      }
+      what = "remove";
+    }
+
+    std::string why;
+    ASSERT_TRUE(mem_context_check(root, &why)) << "seed " << seed << " step " << step << " ("
+                                                 << what << "): " << why;
+    std::map<int, int> per_ctx;
+    for (const ModelBlock& b : m.blocks) {
+      ASSERT_TRUE(intact(b.p, b.size, b.seed)) << "seed " << seed << " step " << step;
+      per_ctx[b.ctx]++;
+    }
+    for (size_t i = 0; i < m.ctxs.size(); i++) {
+      if (m.removed(static_cast<int>(i))) continue;
+      ASSERT_EQ(live_blocks(m.ctxs[i]), per_ctx[static_cast<int>(i)]) << "step " << step;
+    }
+  }
+}
+
+TEST_F(MemTest, RandomOperationsKeepCountersEqualToTheLiveAreas) {
+  for (uint32_t seed = 1; seed <= 6; seed++) {
+    MemContext* sub = mem_context_create(root_, "random");
+    run_random(sub, seed, 1500);
+    if (HasFatalFailure()) return;
+    mem_context_remove(sub);
+    EXPECT_EQ(root_->totMem, 0u);
+    EXPECT_EQ(root_->totVM, 0u);
+  }
+}
+
+// ---- Areas and blocks ----
+
+TEST_F(MemTest, FreeingEveryBlockReleasesTheArea) {
+  MemContext* c = mem_context_create(root_, "c");
+  void* p = mem_malloc(c, 100);
+  void* q = mem_malloc(c, 200);
+  const mem_area* area = mem_block_of(p)->area;
+  EXPECT_EQ(area, mem_block_of(q)->area);
+  EXPECT_EQ(area->size, MEM_DEFAULT_CHUNKSIZE + 64 + 15u);
+  EXPECT_EQ(c->curMem, area->size);
+  EXPECT_EQ(root_->totMem, area->size);
+  mem_free(c, p);
+  EXPECT_EQ(c->curMem, area->size) << "room comes back only with the area's last block";
+  mem_free(c, q);
+  EXPECT_EQ(c->curMem, 0u);
+  EXPECT_EQ(c->curVM, 0u);
+  EXPECT_EQ(c->areas, nullptr);
+  EXPECT_EQ(root_->totMem, 0u);
+  mem_free(c, nullptr);
+  expect_consistent(root_);
+}
+
+TEST_F(MemTest, ReallocGrowsTheLastBlockInPlaceAndMovesOthers) {
+  MemContext* c = mem_context_create(root_, "c");
+  char* p = static_cast<char*>(mem_malloc(c, 100));
+  fill(p, 100, 5);
+  char* q = static_cast<char*>(mem_realloc(c, p, 1000, 0));
+  EXPECT_EQ(q, p);
+  EXPECT_EQ(mem_block_of(q)->size, 1000u);
+  EXPECT_EQ(mem_block_of(q)->allocsize, 1008u);
+  EXPECT_TRUE(intact(q, 100, 5));
+  fill(q, 1000, 6);
+  void* other = mem_malloc(c, 10);
+  char* r = static_cast<char*>(mem_realloc(c, q, 2000, 0));
+  EXPECT_NE(r, q) << "a block that isn't last moves";
+  EXPECT_TRUE(intact(r, 1000, 6));
+  EXPECT_TRUE(mem_block_of(q)->flags & MEM_BLOCK_FREED);
+  mem_free(c, other);
+  expect_consistent(root_);
+}
+
+TEST_F(MemTest, ReallocexZeroesTheNewTailInPlace) {
+  MemContext* c = mem_context_create(root_, "c");
+  auto* p = static_cast<uint8_t*>(mem_malloc(c, 20));
+  memset(p, 0xFF, 32);  // the block's whole allocation unit
+  EXPECT_EQ(mem_reallocex(c, p, 32, 0), p);
+  for (int i = 20; i < 32; i++) EXPECT_EQ(p[i], 0) << i;
+  memset(p, 0xEE, 32);
+  EXPECT_EQ(mem_reallocex(c, p, 200, 0), p);
+  for (int i = 32; i < 200; i++) ASSERT_EQ(p[i], 0) << i;
+  EXPECT_EQ(p[31], 0xEE);
+}
+
+TEST_F(MemDeathTest, ReallocToASmallerSizeAndDoubleFreeDie) {
+  MemContext* c = mem_context_create(root_, "c");
+  void* p = mem_malloc(c, 100);
+  EXPECT_DEATH(mem_realloc(c, p, 50, 0), Esc("assertion \"allocsize >= block->size\" failed"));
+  EXPECT_DEATH(mem_realloc(c, p, 200, J480_MEM_LARGE),
+               Esc("assertion \"(flags & MEM_REALLOC_VALID_FLAGS) == flags\" failed"));
+  EXPECT_DEATH(mem_mallocex(c, 10, 1), Esc("assertion \"(flags & MEM_ALLOC_VALID_FLAGS) == flags\""));
+  EXPECT_EQ(mem_realloc(c, p, 97, 0), p) << "a smaller size within the allocation unit is kept";
+  void* keep = mem_malloc(c, 10);  // keeps the area, and the freed header, alive
+  mem_free(c, p);
+  EXPECT_DEATH(mem_free(c, p), Esc("assertion \"!(block->flags & MEM_BLOCK_FREED)\" failed"));
+  mem_free(c, keep);
+}
+
+TEST_F(MemTest, ABigRequestGetsItsOwnAreaAndSmallOnesGoToTheRoomierArea) {
+  MemContext* c = mem_context_create(root_, "c");
+  void* small = mem_malloc(c, 100);
+  const mem_area* first = mem_block_of(small)->area;
+  void* big = mem_malloc(c, 20000);
+  const mem_area* second = mem_block_of(big)->area;
+  EXPECT_NE(second, first);
+  EXPECT_EQ(second->size, 20000 + 32 + 64 + 15u) << "an area of the request's own size";
+  EXPECT_EQ(c->areas, first) << "the area with more room leads";
+  EXPECT_EQ(mem_block_of(mem_malloc(c, 64))->area, first);
+  // A request that fits neither gets a new area, which leads while it has the most room.
+  void* fat = mem_malloc(c, (first->size - first->used - 32) & ~uint64_t(15));
+  EXPECT_EQ(mem_block_of(fat)->area, first);
+  const mem_area* third = mem_block_of(mem_malloc(c, 16))->area;
+  EXPECT_NE(third, first);
+  EXPECT_NE(third, second);
+  EXPECT_EQ(c->areas, third);
+  EXPECT_EQ(third->next, first) << "equal room: no swap";
+  expect_consistent(root_);
+}
+
+TEST_F(MemTest, LargeAndExactRequestsUseTheirOwnAreas) {
+  MemContext* c = mem_context_create(root_, "c");
+  void* x = mem_mallocex(c, 100, J480_MEM_EXACT);
+  const mem_area* ax = mem_block_of(x)->area;
+  EXPECT_EQ(c->large_areas, ax);
+  EXPECT_EQ(ax->size, 64 + 32 + 112 + 15u) << "exactly the needed size";
+  EXPECT_EQ(ax->mode, MEM_AREA_HEAP);
+  void* l = mem_mallocex(c, 100, J480_MEM_LARGE);
+  const mem_area* al = mem_block_of(l)->area;
+  EXPECT_EQ(al->mode, MEM_AREA_VM);
+  EXPECT_EQ(al->size, 65536u);
+  EXPECT_EQ(c->large_areas, al);
+  // Room left in the large area is not used by the next request.
+  EXPECT_NE(mem_block_of(mem_mallocex(c, 16, J480_MEM_LARGE))->area, al);
+  // Ordinary requests of half a mebibyte go to virtual memory, and come zeroed from it.
+  auto* z = static_cast<uint8_t*>(mem_calloc(c, 600000));
+  EXPECT_EQ(mem_block_of(z)->area->mode, MEM_AREA_VM);
+  EXPECT_EQ(z[0] | z[599999], 0);
+  expect_consistent(root_);
+  mem_free(c, l);
+  mem_free(c, x);
+  expect_consistent(root_);
+}
+
+TEST_F(MemTest, EveryBlockIsAlignedTo16) {
+  MemContext* c = mem_context_create(root_, "c");
+  for (int flags : {0, J480_MEM_EXACT, J480_MEM_LARGE}) {
+    for (uint64_t size = 0; size < 70; size++) {
+      void* p = mem_mallocex(c, size, flags);
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u) << size << " " << flags;
+      ASSERT_EQ(mem_block_of(p)->allocsize, (size + 15) / 16 * 16);
+    }
+  }
+  expect_consistent(root_);
+}
+
+TEST_F(MemTest, CallocZeroesRecycledHeapMemory) {
+  MemContext* c = mem_context_create(root_, "c");
+  for (int round = 0; round < 3; round++) {
+    auto* p = static_cast<uint8_t*>(mem_malloc(c, 8000));
+    memset(p, 0xAB, 8000);
+    mem_free(c, p);  // the area goes back to the heap, dirty
+    auto* q = static_cast<uint8_t*>(mem_calloc(c, 8000));
+    for (int i = 0; i < 8000; i++) ASSERT_EQ(q[i], 0) << i;
+    mem_free(c, q);
+  }
+}
+
+TEST_F(MemTest, LargeBlockGrowsItsAreaWithinTheReservationWithoutMoving) {
+  MemContext* c = mem_context_create(root_, "c");
+  c->overalloc = 64 * MiB;
+  void* p = mem_mallocex(c, 100000, J480_MEM_LARGE);
+  const mem_area* a = mem_block_of(p)->area;
+  EXPECT_EQ(a->reserved, 64 * MiB);
+  EXPECT_EQ(a->size, 131072u);
+  EXPECT_EQ(c->curVM, 64 * MiB);
+  fill(p, 100000, 9);
+  void* q = mem_realloc(c, p, 10 * MiB, 0);
+  EXPECT_EQ(q, p);
+  EXPECT_EQ(mem_block_of(q)->area->size, 10 * MiB + 65536);
+  EXPECT_EQ(c->curMem, 10 * MiB + 65536);
+  EXPECT_TRUE(intact(q, 100000, 9));
+  memset(q, 1, 10 * MiB);
+  expect_consistent(root_);
+}
+
+TEST_F(MemTest, LargeBlockGrowsBeyondItsReservationByRemapping) {
+  MemContext* c = mem_context_create(root_, "c");
+  void* keep = mem_mallocex(c, 1000, J480_MEM_LARGE);  // a neighbour in the list
+  void* p = mem_mallocex(c, 100000, J480_MEM_LARGE);
+  fill(p, 100000, 3);
+  void* q = mem_reallocex(c, p, 8 * MiB, 0);
+  ASSERT_NE(q, nullptr);
+  const mem_area* a = mem_block_of(q)->area;
+  EXPECT_EQ(a->mode, MEM_AREA_VM);
+  EXPECT_EQ(a->ref, 1);
+  EXPECT_TRUE(intact(q, 100000, 3));
+  const auto* t = static_cast<const uint8_t*>(q);
+  EXPECT_EQ(t[100000] | t[8 * MiB - 1], 0);
+  expect_consistent(root_);
+  mem_free(c, q);
+  mem_free(c, keep);
+  EXPECT_EQ(c->curMem, 0u);
+  expect_consistent(root_);
+}
+
+TEST_F(MemTest, HugePageFailureFallsBackToNormalMapsWithAWarning) {
+  g_system_platform.huge_page_size = 2 * MiB;
+  MemContext* c = mem_context_create(root_, "c");
+  CaptureStderr();
+  px_fault_arm(1, ENOMEM);
+  void* p = mem_mallocex(c, 3 * MiB, J480_MEM_LARGE);
+  px_fault_disarm();
+  const std::string err = GetCapturedStderr();
+  ASSERT_NE(p, nullptr);
+  EXPECT_NE(err.find("mem_area_alloc: failed to allocate huge pages (errno: 12 size:4M res: 4M "
+                     "j480hugepagesize: 2M) retrying with normal mmap"),
+            std::string::npos)
+      << err;
+  EXPECT_EQ(mem_block_of(p)->area->mode, MEM_AREA_VM);
+  EXPECT_EQ(c->curMem, 3 * MiB + 65536) << "the charge follows the area it got";
+  expect_consistent(root_);
+  c->no_huge_pages = 1;
+  void* q = mem_mallocex(c, 3 * MiB, J480_MEM_LARGE);
+  EXPECT_EQ(mem_block_of(q)->area->mode, MEM_AREA_VM);
+}
+
+// ---- Limits ----
+
+TEST_F(MemTest, ARootWithoutAShareIsNotLimited) {
+  limit_account(1);
+  void* p = mem_mallocex(root_, 8 * MiB, J480_MEM_ALLOWFAILURE);
+  EXPECT_NE(p, nullptr);
+  EXPECT_EQ(root_->maxMem, 0u);
+  expect_consistent(root_);
+}
+
+TEST_F(MemTest, ARootShareGrowsWithinTheAccountAndRefusesBeyondIt) {
+  g_system_memory.min_mem_per_transaction = 4 * MiB;
+  g_system_memory.min_trans_mem_inc = 1 * MiB;
+  limit_account(40 * MiB);
+  MemContext* child = mem_context_create(root_, "child");
+  ASSERT_EQ(mem_context_claim_minimum(root_, 0), 1);
+  EXPECT_EQ(root_->maxMem, 4 * MiB);
+  EXPECT_EQ(root_->maxVM, 4 * MiB);
+  EXPECT_EQ(mem_context_claim_minimum(root_, 0), 1) << "a second claim changes nothing";
+  EXPECT_EQ(root_->maxMem, 4 * MiB);
+
+  mem_malloc(child, 100);
+  EXPECT_EQ(root_->maxMem, 4 * MiB);
+  void* big = mem_mallocex(child, 8 * MiB, J480_MEM_ALLOWFAILURE);
+  ASSERT_NE(big, nullptr);
+  EXPECT_GE(root_->maxMem, root_->totMem);
+  expect_consistent(root_);
+
+  const uint64_t before = child->curMem;
+  CaptureStderr();
+  EXPECT_EQ(mem_mallocex(child, 64 * MiB, J480_MEM_ALLOWFAILURE), nullptr);
+  EXPECT_EQ(mem_realloc(child, big, 64 * MiB, J480_MEM_ALLOWFAILURE), nullptr);
+  GetCapturedStderr();
+  EXPECT_EQ(child->curMem, before);
+  expect_consistent(root_);
+
+  void* forced = mem_mallocex(child, 64 * MiB, J480_MEM_FORCE);
+  EXPECT_NE(forced, nullptr) << "a forced request passes the limit";
+  expect_consistent(root_);
+
+  // Removing the child hands its use back; the forced grant made the share exactly the use, and
+  // the root keeps one byte of it, as 0 would mean no limit.
+  EXPECT_EQ(root_->maxMem, root_->totMem);
+  mem_context_remove(child);
+  EXPECT_EQ(root_->maxMem, 1u);
+  expect_consistent(root_);
+}
+
+TEST_F(MemTest, AFailedClaimHandsBackWhatWasGranted) {
+  g_system_memory.min_mem_per_transaction = 64 * MiB;
+  g_system_memory.min_trans_mem_inc = 1 * MiB;
+  limit_account(1 * MiB);
+  EXPECT_EQ(mem_context_claim_minimum(root_, 0), 0);
+  EXPECT_EQ(root_->maxMem, 0u);
+  EXPECT_EQ(root_->maxVM, 0u);
+}
+
+TEST_F(MemTest, UseReservedOnlyDrawsOnTheReserveAndIsRefusedWithoutOne) {
+  MemContext* c = mem_context_create(root_, "resv");
+  CaptureStderr();
+  EXPECT_EQ(mem_mallocex(c, 100, J480_MEM_USE_RESERVED_ONLY | J480_MEM_ALLOWFAILURE), nullptr);
+  std::string err = GetCapturedStderr();
+  EXPECT_NE(err.find("Context resv uses 16271 (mem) 16318 (vm) of the reserved memory."),
+            std::string::npos)
+      << err;
+  EXPECT_NE(err.find("Not enough memory reserved in resv context for USE_RESERVED_ONLY "
+                     "allocation. mem_req = 16271 mem_reserved = 0 vm_req = 16318 "
+                     "vm_reserved = 0"),
+            std::string::npos)
+      << err;
+  c->mem_rsrvd = 20000;
+  c->vm_rsrvd = 20000;
+  CaptureStderr();
+  EXPECT_NE(mem_mallocex(c, 100, J480_MEM_USE_RESERVED_ONLY), nullptr);
+  GetCapturedStderr();
+  EXPECT_EQ(c->mem_rsrvd, 20000 - 16271);
+  EXPECT_EQ(c->vm_rsrvd, 20000 - 16318);
+  EXPECT_EQ(c->curMem, 0u) << "the reserve pays for the area";
+}
+
+// ---- Failure paths ----
+
+TEST_F(MemTest, AFailedMapWithAllowFailureReturnsNullAndUnchargesEverything) {
+  MemContext* c = mem_context_create(root_, "c");
+  CaptureStderr();
+  px_fault_arm(1, ENOMEM);
+  EXPECT_EQ(mem_mallocex(c, 1 * MiB, J480_MEM_LARGE | J480_MEM_ALLOWFAILURE), nullptr);
+  px_fault_disarm();
+  GetCapturedStderr();
+  EXPECT_EQ(c->curMem, 0u);
+  EXPECT_EQ(c->curVM, 0u);
+  EXPECT_EQ(root_->totVM, 0u);
+  expect_consistent(root_);
+}
+
+TEST_F(MemDeathTest, OutOfMemoryWithoutAllowFailureEndsByAssertion) {
+  MemContext* c = mem_context_create(root_, "doomed");
+  EXPECT_DEATH(
+      {
+        px_fault_arm(1, ENOMEM);
+        mem_mallocex(c, 1 * MiB, J480_MEM_LARGE);
+      },
+      "mem_malloc: OUT OF MEMORY(.|\n)*"
+      "mem_malloc: trying to allocate 1048576 bytes in context doomed\\(0x[0-9a-f]+\\) with "
+      "flags 4(.|\n)*SystemContext curMem=(.|\n)*doomed(.|\n)*" +
+          Esc("assertion \"flags & J480_MEM_ALLOWFAILURE\" failed"));
+  limit_account(1 * MiB);
+  g_system_memory.min_mem_per_transaction = 1 * MiB;
+  g_system_memory.min_trans_mem_inc = 1 * MiB;
+  ASSERT_EQ(mem_context_claim_minimum(root_, 0), 1);
+  EXPECT_DEATH(mem_mallocex(c, 8 * MiB, 0),
+               Esc("assertion \"flags & J480_MEM_ALLOWFAILURE\" failed"));
+}
+
+TEST_F(MemTest, OutOfMemoryUnwindsThroughTheExceptionEnvironmentWithCode2) {
+  longjmp_env env{};
+  longjmp_env_init(&env, root_);
+  longjmp_env* envp = &env;
+  mem_context_set_exception_env(root_, &envp);
+  MemContext* c = mem_context_create(root_, "c");
+  EXPECT_EQ(c->exception_env, &envp) << "inherited at creation";
+  CaptureStderr();
+  const int code = longjmp_ctx_run(&env, [&] {
+    px_fault_arm(1, ENOMEM);
+    mem_mallocex(c, 1 * MiB, J480_MEM_LARGE);
+    ADD_FAILURE() << "no unwind";
+  });
+  px_fault_disarm();
+  GetCapturedStderr();
+  EXPECT_EQ(code, 2);
+  expect_consistent(root_);
+  longjmp_env_destroy(&env);
+  mem_context_set_exception_env(root_, nullptr);
+}
+
+// ---- Removal ----
+
+TEST_F(MemTest, ACallerRecordSurvivesRemoval) {
+  MemContext rec;
+  ASSERT_EQ(mem_context_init(&rec, root_, "rec"), &rec);
+  EXPECT_EQ(rec.self_allocated, 0);
+  MemContext* inner = mem_context_create(&rec, "inner");
+  MemContext nested;
+  mem_context_init(&nested, inner, "nested");
+  mem_malloc(&nested, 500);
+  mem_malloc(&rec, 1000);
+  mem_mallocex(&rec, 1000, J480_MEM_LARGE);
+  expect_consistent(root_);
+  EXPECT_EQ(mem_context_remove(&rec), &rec);
+  EXPECT_STREQ(rec.name, "rec");
+  EXPECT_EQ(rec.areas, nullptr);
+  EXPECT_EQ(rec.large_areas, nullptr);
+  EXPECT_EQ(rec.first_child, nullptr);
+  EXPECT_EQ(rec.parent, nullptr);
+  EXPECT_EQ(rec.totMem, 0u);
+  EXPECT_STREQ(nested.name, "nested") << "a caller's record deep in the tree is not freed";
+  EXPECT_EQ(nested.parent, nullptr);
+  EXPECT_EQ(nested.areas, nullptr);
+  EXPECT_EQ(root_->first_child, nullptr);
+  EXPECT_EQ(root_->totMem, 0u);
+  expect_consistent(root_);
+}
+
+TEST_F(MemTest, ChildrenAreNewestFirstAndUnlinkFromAnyPlace) {
+  MemContext* a = mem_context_create(root_, "a");
+  MemContext* b = mem_context_create(root_, "b");
+  MemContext* c = mem_context_create(root_, "c");
+  EXPECT_EQ(root_->first_child, c);
+  EXPECT_EQ(c->next_sibling, b);
+  mem_context_remove(b);
+  EXPECT_EQ(c->next_sibling, a);
+  expect_consistent(root_);
+  mem_context_remove(c);
+  EXPECT_EQ(root_->first_child, a);
+  expect_consistent(root_);
+}
+
+std::vector<std::string> g_cleanup_log;
+void log_cleanup(void* arg) { g_cleanup_log.push_back(static_cast<const char*>(arg)); }
+
+TEST_F(MemTest, CleanupsRunNewestFirstChildrenBeforeTheirParent) {
+  g_cleanup_log.clear();
+  MemContext* p = mem_context_create(root_, "p");
+  MemContext* k = mem_context_create(p, "k");
+  mem_add_cleanup(p, const_cast<char*>("p1"), log_cleanup);
+  mem_add_cleanup(p, const_cast<char*>("p2"), log_cleanup);
+  mem_add_cleanup(k, const_cast<char*>("k1"), log_cleanup);
+  mem_context_remove(p);
+  EXPECT_EQ(g_cleanup_log, (std::vector<std::string>{"k1", "p2", "p1"}));
+}
+
+TEST_F(MemTest, ConcurrentContextsLockTheTreeUntilTheLastGoes) {
+  MemContext* a = mem_context_create_concurrent(root_, "a");
+  MemContext* b = mem_context_create_concurrent(root_, "b");
+  EXPECT_EQ(root_->thread_safety->need_to_lock, 1);
+  EXPECT_EQ(root_->thread_safety->num_threads_running, 2);
+  EXPECT_EQ(a->is_concurrent, 1);
+  auto work = [](MemContext* ctx) {
+    for (int i = 0; i < 20000; i++) {
+      void* p = mem_malloc(ctx, 64 + (i % 7) * 100);
+      if (i % 3 == 0) mem_free(ctx, p);
+    }
+  };
+  std::thread ta(work, a), tb(work, b);
+  ta.join();
+  tb.join();
+  expect_consistent(root_);
+  mem_context_remove(a);
+  EXPECT_EQ(root_->thread_safety->need_to_lock, 1);
+  mem_context_remove(b);
+  EXPECT_EQ(root_->thread_safety->need_to_lock, 0);
+  EXPECT_EQ(root_->thread_safety->num_threads_running, 0);
+}
+
+TEST_F(MemDeathTest, RemovingANullContextDiesWithItsMessage) {
+  EXPECT_DEATH(mem_context_remove(nullptr),
+               "ASSERTION FAILED(.|\n)*CODE: ctx(.|\n)*MESG: Trying to free NULL memctx");
+}
+
+TEST_F(MemTest, RootsJoinAndLeaveTheRootList) {
+  MemContext* other = mem_context_create(nullptr, "other_root");
+  EXPECT_EQ(other->next_root, root_);
+  EXPECT_EQ(root_->prev_root, other);
+  expect_consistent(other);
+  EXPECT_EQ(mem_context_remove(other), nullptr);
+  EXPECT_EQ(root_->prev_root, nullptr);
+  expect_consistent(root_);
+}
+
+// ---- Strings ----
+
+TEST_F(MemTest, PrintfGrowsPastItsFirst256Bytes) {
+  MemContext* c = mem_context_create(root_, "c");
+  const std::string s255(255, 'x'), s256(256, 'y');
+  char* a = mem_printf(c, 0, "%s", s255.c_str());
+  EXPECT_EQ(a, s255);
+  EXPECT_EQ(mem_block_of(a)->size, 256u);
+  char* b = mem_printf(c, 0, "%s", s256.c_str());
+  EXPECT_EQ(b, s256);
+  EXPECT_EQ(mem_block_of(b)->size, 257u) << "the result plus one";
+  char* d = mem_printf(c, 0, "%d-%s", 42, std::string(5000, 'z').c_str());
+  EXPECT_EQ(strlen(d), 5003u);
+  EXPECT_EQ(strncmp(d, "42-zz", 5), 0);
+  expect_consistent(root_);
+}
+
+TEST_F(MemTest, StrdupLowerCopiesOnlyWhenThereIsAnUpperCaseLetter) {
+  MemContext* c = mem_context_create(root_, "c");
+  const char* plain = "already lower 123";
+  EXPECT_EQ(mem_strdup_lower(c, plain), plain);
+  const char* mixed = "MiXeD Case";
+  const char* low = mem_strdup_lower(c, mixed);
+  EXPECT_NE(low, mixed);
+  EXPECT_STREQ(low, "mixed case");
+  EXPECT_STREQ(mixed, "MiXeD Case");
+  EXPECT_STREQ(mem_strdup(c, "dup"), "dup");
+  EXPECT_EQ(mem_strdup(c, nullptr), nullptr);
+  auto* plain_block = static_cast<uint8_t*>(mem_calloc_plain(64));
+  EXPECT_EQ(plain_block[0] | plain_block[63], 0);
+  free(plain_block);
+}
+
+// ---- Statistics ----
+
+TEST_F(MemTest, StatisticsPrintTheAccountAndEveryContextByLevel) {
+  MemContext* child = mem_context_create(root_, "a_child_with_a_long_name");
+  mem_malloc(child, 100);
+  CaptureStderr();
+  mem_context_print("MEMTEST");
+  const std::string err = GetCapturedStderr();
+  EXPECT_NE(err.find("SystemContext curMem="), std::string::npos) << err;
+  EXPECT_NE(err.find("MEMTEST:name                      curMem         curVM         totMem"
+                     "         totVM          hiMem          hiVM         maxMem         maxVM"
+                     "      mem_rsrvd      vm_rsrvd level\n"),
+            std::string::npos)
+      << err;
+  EXPECT_NE(err.find("MEMTEST:mem_test                       0             0          16271"
+                     "         16318          16271         16318              0             0"
+                     "              0             0 0\n"),
+            std::string::npos)
+      << err;
+  EXPECT_NE(err.find("MEMTEST:a_child_with_a_lo          16271         16318          16271"
+                     "         16318          16271         16318              0             0"
+                     "              0             0 1\n"),
+            std::string::npos)
+      << err;
+}
+
+}  // namespace
