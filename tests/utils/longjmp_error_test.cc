@@ -8,6 +8,7 @@
 #include "utils/j480_error.h"
 #include "utils/longjmp_ctx.h"
 #include "utils/mem.h"
+#include "utils/posix.h"
 
 namespace {
 
@@ -48,6 +49,27 @@ TEST(LongjmpCtx, NestedFramesCatchInnerFirstThenOuterAfterThePop) {
   EXPECT_EQ(e.env.top, nullptr);
   EXPECT_EQ(longjmp_ctx_run(&e.env, [] {}), 0);
   EXPECT_EQ(e.env.top, nullptr);
+}
+
+TEST(LongjmpCtx, OutOfMemoryInsideAFrameUnwindsToItWithCodeTwo) {
+  Env e;
+  longjmp_env* envp = &e.env;
+  MemContext* work = mem_context_create(e.mem, "work");
+  mem_context_set_exception_env(work, &envp);
+  void* block = reinterpret_cast<void*>(1);
+  testing::internal::CaptureStderr();
+  int code = longjmp_ctx_run(&e.env, [&] {
+    px_fault_arm(1, ENOMEM, PX_FAULT_FAIL, true);  // every map fails from here
+    block = mem_mallocex(work, 1 << 22, J480_MEM_LARGE);
+  });
+  px_fault_disarm();
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, J480_ERROR_OUT_OF_MEMORY);
+  EXPECT_EQ(block, reinterpret_cast<void*>(1));  // the assignment never happened
+  EXPECT_NE(err.find("ERROR:MEMCONTEXT:mem_malloc: OUT OF MEMORY"), std::string::npos) << err;
+  EXPECT_EQ(e.env.top, nullptr);
+  // The context stays usable after the jump.
+  EXPECT_NE(mem_mallocex(work, 64, 0), nullptr);
 }
 
 TEST(LongjmpCtxDeathTest, SecondJumpThroughAnUnpoppedEntryAndJumpWithoutFrameAssert) {
