@@ -150,3 +150,33 @@ TEST(RunSequence, PastTheCbmCheckTheRunEndsWithoutConvertingAndLeavesFilesAlone)
   EXPECT_FALSE(j480test::exists(cbm + "/LOG.new"));
   EXPECT_FALSE(j480test::exists(cbm + "/LOG.j480_20"));
 }
+
+TEST(CommandLine, RandomArgumentListsNeverCrashAndEndWithAKnownOutcome) {
+  j480test::TempDir farm;
+  j480test::make_dirs(farm.file("db/CBM"));
+  const std::vector<std::string> words = {"--dbfarm", "--dbname", "--dumplog", "--version",
+                                          "",         "db",       farm.path(), "-",
+                                          "--",       "--dbfarm=x", std::string(5000, 'a'),
+                                          "\xff\xfe", "%s%n%x",   "/dev/null"};
+  uint64_t state = 12345;
+  auto next = [&] {
+    state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+    return static_cast<size_t>(state >> 33);
+  };
+  for (int iteration = 0; iteration < 150; iteration++) {
+    std::vector<std::string> args;
+    size_t n = next() % 6;
+    for (size_t i = 0; i < n; i++) args.push_back(words[next() % words.size()]);
+    RunResult r = run(args);
+    SCOPED_TRACE(iteration);
+    ASSERT_TRUE(r.status == 0 || r.status == 255) << r.status << "\n" << r.err;
+    std::vector<std::string> lines = split_lines(r.err);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0].rfind("#WAL_CONVERTER:J480 WAL 2.0 converter version ", 0), 0u);
+    // Every run either stops at the parse (no tail) or passes the tail exactly once.
+    size_t tails = 0;
+    for (const auto& l : lines) tails += l == kTail;
+    bool stopped_at_parse = r.status == 0 || r.out.rfind("J480 WAL 2.0 converter\n", 0) == 0;
+    EXPECT_EQ(tails, stopped_at_parse ? 0u : 1u);
+  }
+}
