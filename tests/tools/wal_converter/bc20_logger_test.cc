@@ -1,0 +1,685 @@
+// The 2.0 record reader: golden logs in both byte orders, the transaction state machine, every
+// record's failure text, oversize lengths, and survival of cut and damaged files.
+#include "tools/wal_converter/bc20_logger.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "log_bytes.h"
+#include "support/test_support.h"
+#include "utils/cvlog.h"
+#include "utils/mem.h"
+#include "utils/stream.h"
+
+namespace {
+
+using j480test::LogBytes;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+constexpr int64_t kV20 = 0x435257414C000000LL;
+
+struct Call {
+  int rc;
+  bc20_action* list;
+  std::string err;
+};
+
+std::vector<uint32_t> types_of(const bc20_action* a) {
+  std::vector<uint32_t> t;
+  for (; a != nullptr; a = a->next) t.push_back(a->type);
+  return t;
+}
+
+std::string raw8(int64_t v) { return LogBytes().raw_lng(v).bytes(); }
+
+class Bc20Reader : public testing::Test {
+ protected:
+  void SetUp() override {
+    cv_log_reset_for_tests();
+    mem_ = mem_context_create(nullptr, "logger_replay_tc");
+  }
+  void TearDown() override {
+    if (s_ != nullptr) stream_close_destroy(s_);
+    mem_context_remove(mem_);
+    cv_log_reset_for_tests();
+  }
+
+  // Writes `bytes` as LOG and opens it behind the mark and (if present) the version word.
+  void open(const std::string& bytes, bool skip_version = true) {
+    if (s_ != nullptr) stream_close_destroy(s_);
+    j480test::write_file(path_, bytes);
+    s_ = open_binary_read_stream(path_.c_str());
+    ASSERT_NE(s_, nullptr);
+    if (skip_version) bc20_logger_read_version(s_);
+  }
+  Call call() {
+    Call c;
+    CaptureStderr();
+    c.rc = bc20_logger_read_transaction(mem_, s_, &c.list);
+    c.err = GetCapturedStderr();
+    return c;
+  }
+  // One transaction of `records` (bytes after the head), read once.
+  Call read_one(const std::string& records, bool big_endian = false) {
+    open(LogBytes(big_endian).head().bytes() + records);
+    return call();
+  }
+
+  j480test::TempDir home_;
+  j480test::ScopedEnv cvlog_{"CVLOG", nullptr};
+  j480test::ScopedEnv file_{"CVLOG_CONFIGFILE", nullptr};
+  j480test::ScopedEnv dir_{"CVLOG_DIRECTORY", nullptr};
+  j480test::ScopedEnv profile_{"USERPROFILE", home_.path().c_str()};
+  j480test::TempDir tmp_;
+  std::string path_ = tmp_.file("LOG");
+  MemContext* mem_ = nullptr;
+  stream* s_ = nullptr;
+};
+
+// Every record kind once, in a transaction with trid 7, written from the record table.
+std::string all_records(bool big) {
+  LogBytes b(big);
+  b.i32(0).lng(7);                                                      // tr_new
+  b.i32(2).i32(1).str("default").i32(524288).i32(9).i32(9).lng(9);     // cs_new_defaultfile
+  b.i32(35).i32(2).str("").i32(4096).i32(9).i32(9).lng(9);              // cs_new
+  b.i32(4).i32(11).i32(9).i32(3);                                       // col_new
+  b.i32(5).i32(12).i32(9).i32(4);                                       // col_del
+  b.i32(7).i32(13).lng(100).i32(9).i32(2000).i32(50);                   // blk_new_defaultfile
+  b.i32(8).i32(14).lng(101).i32(9);                                     // blk_del_defaultfile
+  b.i32(13).lng(20).str("orders").lng(21);                              // cat_table_new
+  b.i32(14).lng(22);                                                    // cat_table_del
+  b.i32(15).lng(23).str("sint").i32(5).str("int").i32(10).i32(2).str("lz").str("o_id").i32(-1);
+  b.i32(16).lng(24);                                                    // cat_column_del
+  b.i32(17).lng(25).lng(26).lng(27).i32(1).lng(99).i32(2).raw(raw8(23) + raw8(-5));
+  b.i32(18).lng(28);                                                    // cat_colgroup_del
+  b.i32(19).lng(29).str("pk").i32(2).lng(20).lng(21).lng(25).lng(30);   // cat_index_new
+  b.i32(20).lng(31);                                                    // cat_index_del
+  b.i32(21).lng(32).lng(33).lng(34).lng(35);                            // minmax_size
+  b.i32(22).lng(36).i32(1).lng(3).raw("abc").i32(1).lng(2).raw("wxyz");  // minmax_data
+  b.i32(23).lng(37).i32(2).lng(0).i32(0).lng(3).raw("pqr");             // minmax_vardata
+  b.i32(24).lng(38).lng(39).lng(40).lng(41);                            // jis_size
+  b.i32(25).lng(42).i32(3).lng(1).raw(raw8(77));                        // jis_data
+  b.i32(26).lng(43).i32(2).raw("PD");                                   // pdt_new
+  b.i32(27).lng(44).lng(3).raw("XYZ");                                  // pdt_new_64
+  b.i32(28).lng(45).str("loc1").i32(6);                                 // cat_location_new
+  b.i32(29).lng(46);                                                    // cat_location_del
+  b.i32(30).lng(47).i32(8);                                             // cat_location_update
+  b.i32(31).i32(48).lng(3).lng(102).i32(1000).i32(60);                  // blk_new
+  b.i32(32).i32(49).lng(4).lng(103);                                    // blk_del
+  b.i32(33).lng(5).lng(45).str("f5.dat");                               // file_new
+  b.i32(34).lng(6);                                                     // file_del
+  b.i32(36).lng(25).lng(5);                                             // colgroup_file_new
+  b.i32(37).lng(25).lng(6);                                             // colgroup_file_del
+  b.i32(38).lng(50).lng(51).lng(52).i32(3).i32(0);                      // cat_colgroup_new
+  b.i32(1).lng(7);                                                      // tr_end
+  return b.bytes();
+}
+
+void check_all_records(const bc20_action* a) {
+  std::vector<uint32_t> want = {
+      bc20_tr_new, bc20_cs_new_defaultfile, bc20_cs_new, bc20_col_new, bc20_col_del,
+      bc20_blk_new, bc20_blk_del, bc20_cat_table_new, bc20_cat_table_del, bc20_cat_column_new,
+      bc20_cat_column_del, bc20_cat_colgroup_new_defaultfile, bc20_cat_colgroup_del,
+      bc20_cat_index_new, bc20_cat_index_del, bc20_minmax_size, bc20_minmax_data,
+      bc20_minmax_vardata, bc20_jis_size, bc20_jis_data, bc20_pdt_new_64, bc20_pdt_new_64,
+      bc20_cat_location_new, bc20_cat_location_del, bc20_cat_location_update, bc20_blk_new,
+      bc20_blk_del, bc20_file_new, bc20_file_del, bc20_colgroup_file_new, bc20_colgroup_file_del,
+      bc20_cat_colgroup_new, bc20_tr_end};
+  ASSERT_EQ(types_of(a), want);
+  std::vector<const bc20_action*> v;
+  for (; a != nullptr; a = a->next) v.push_back(a);
+  EXPECT_EQ(v[0]->tr_new.trid, 7);
+  EXPECT_EQ(v[1]->cs_new.id, 1);
+  EXPECT_EQ(v[1]->cs_new.blksz, 524288);
+  EXPECT_EQ(v[2]->cs_new.id, 2);
+  EXPECT_EQ(v[2]->cs_new.blksz, 4096);
+  EXPECT_EQ(v[3]->col_new.colid, 11);
+  EXPECT_EQ(v[3]->col_new.type, 3);
+  EXPECT_EQ(v[4]->col_del.colid, 12);
+  EXPECT_EQ(v[4]->col_del.type, 4);
+  // The defaultfile forms take the default file number: none without a block manager.
+  const bc20_blk_fields& bn = v[5]->blk_new;
+  EXPECT_EQ(bn.colid, 13);
+  EXPECT_EQ(bn.file_nr, -1);
+  EXPECT_EQ(bn.block_nr, 100);
+  EXPECT_EQ(bn.bytes_used, 2000);
+  EXPECT_EQ(bn.num_tuples, 50);
+  EXPECT_EQ(v[6]->blk_del.colid, 14);
+  EXPECT_EQ(v[6]->blk_del.file_nr, -1);
+  EXPECT_EQ(v[6]->blk_del.block_nr, 101);
+  EXPECT_EQ(v[7]->cat_table_new.table_id, 20);
+  EXPECT_STREQ(v[7]->cat_table_new.name, "orders");
+  EXPECT_EQ(v[7]->cat_table_new.colgroup_id, 21);
+  EXPECT_EQ(v[8]->cat_table_del.table_id, 22);
+  const bc20_cat_column_new_fields& cc = v[9]->cat_column_new;
+  EXPECT_EQ(cc.colid, 23);
+  EXPECT_STREQ(cc.adt, "sint");
+  EXPECT_EQ(cc.ctype, 5);
+  EXPECT_STREQ(cc.ltype, "int");
+  EXPECT_EQ(cc.digits, 10);
+  EXPECT_EQ(cc.scale, 2);
+  EXPECT_STREQ(cc.compression, "lz");
+  EXPECT_STREQ(cc.col_name, "o_id");
+  EXPECT_EQ(cc.flags, 0xFFFFFFFFu);
+  EXPECT_EQ(v[10]->cat_column_del.column_id, 24);
+  const bc20_cat_colgroup_new_fields& cg = v[11]->cat_colgroup_new_defaultfile;
+  EXPECT_EQ(cg.cg_id, 25);
+  EXPECT_EQ(cg.store_id, 26);
+  EXPECT_EQ(cg.parent_id, 27);
+  EXPECT_EQ(cg.type, 1);
+  ASSERT_EQ(cg.ncols, 2);
+  EXPECT_EQ(cg.col_ids[0], 23);  // raw items: never swapped
+  EXPECT_EQ(cg.col_ids[1], -5);
+  EXPECT_EQ(v[12]->cat_colgroup_del.colgroup_id, 28);
+  const bc20_cat_index_new_fields& ix = v[13]->cat_index_new;
+  EXPECT_EQ(ix.index_id, 29);
+  EXPECT_STREQ(ix.index_name, "pk");
+  EXPECT_EQ(ix.type, 2);
+  EXPECT_EQ(ix.table_id, 20);
+  EXPECT_EQ(ix.colgroup_id, 21);
+  EXPECT_EQ(ix.scolgroup_id, 25);
+  EXPECT_EQ(ix.key_id, 30);
+  EXPECT_EQ(v[14]->cat_index_del.index_id, 31);
+  const bc20_minmax_size_fields& ms = v[15]->minmax_size;
+  EXPECT_EQ(ms.index_id, 32);
+  EXPECT_EQ(ms.maxgroups, 33);
+  EXPECT_EQ(ms.numtuples, 34);
+  EXPECT_EQ(ms.groupsize, 35);
+  const bc20_minmax_data_fields& md = v[16]->minmax_data;
+  EXPECT_EQ(md.index_id, 36);
+  EXPECT_EQ(md.column_nr, 1);
+  EXPECT_EQ(md.datasize, 3);
+  EXPECT_EQ(std::string(static_cast<char*>(md.data), 3), "abc");
+  EXPECT_EQ(md.overflow, 1);
+  EXPECT_EQ(md.overflow_datasize, 2);
+  EXPECT_EQ(std::string(static_cast<char*>(md.overflow_data), 4), "wxyz");
+  const bc20_minmax_data_fields& mv = v[17]->minmax_vardata;
+  EXPECT_EQ(mv.index_id, 37);
+  EXPECT_EQ(mv.datasize, 0);
+  EXPECT_EQ(mv.data, nullptr);
+  EXPECT_EQ(mv.overflow_datasize, 3);
+  EXPECT_EQ(std::string(static_cast<char*>(mv.overflow_data), 3), "pqr");
+  const bc20_jis_size_fields& js = v[18]->jis_size;
+  EXPECT_EQ(js.index_id, 38);
+  EXPECT_EQ(js.maxgroups, 39);
+  EXPECT_EQ(js.numgroups, 40);
+  EXPECT_EQ(js.groupsize, 41);
+  const bc20_jis_data_fields& jd = v[19]->jis_data;
+  EXPECT_EQ(jd.index_id, 42);
+  EXPECT_EQ(jd.jis_column, 3);
+  ASSERT_EQ(jd.numgroups, 1);
+  EXPECT_EQ(std::string(static_cast<char*>(jd.groups), 8), raw8(77));
+  EXPECT_EQ(v[20]->pdt_new_64.object_id, 43);
+  ASSERT_EQ(v[20]->pdt_new_64.size, 2);
+  EXPECT_EQ(std::string(static_cast<char*>(v[20]->pdt_new_64.data), 2), "PD");
+  EXPECT_EQ(v[21]->pdt_new_64.object_id, 44);
+  ASSERT_EQ(v[21]->pdt_new_64.size, 3);
+  EXPECT_EQ(std::string(static_cast<char*>(v[21]->pdt_new_64.data), 3), "XYZ");
+  EXPECT_EQ(v[22]->cat_location_new.location_id, 45);
+  EXPECT_STREQ(v[22]->cat_location_new.name, "loc1");
+  EXPECT_EQ(v[22]->cat_location_new.usage, 6);
+  EXPECT_EQ(v[22]->cat_location_new.path, nullptr);
+  EXPECT_EQ(v[23]->cat_location_del.location_id, 46);
+  EXPECT_EQ(v[24]->cat_location_update.location_id, 47);
+  EXPECT_EQ(v[24]->cat_location_update.usage, 8);
+  const bc20_blk_fields& b2 = v[25]->blk_new;
+  EXPECT_EQ(b2.colid, 48);
+  EXPECT_EQ(b2.file_nr, 3);
+  EXPECT_EQ(b2.block_nr, 102);
+  EXPECT_EQ(b2.bytes_used, 1000);
+  EXPECT_EQ(b2.num_tuples, 60);
+  EXPECT_EQ(v[26]->blk_del.colid, 49);
+  EXPECT_EQ(v[26]->blk_del.file_nr, 4);
+  EXPECT_EQ(v[26]->blk_del.block_nr, 103);
+  EXPECT_EQ(v[27]->file_new.file_nr, 5);
+  EXPECT_EQ(v[27]->file_new.location_id, 45);
+  EXPECT_STREQ(v[27]->file_new.filename, "f5.dat");
+  EXPECT_EQ(v[28]->file_del.file_nr, 6);
+  EXPECT_EQ(v[29]->colgroup_file_new.colgroup_id, 25);
+  EXPECT_EQ(v[29]->colgroup_file_new.file_nr, 5);
+  EXPECT_EQ(v[30]->colgroup_file_del.file_nr, 6);
+  const bc20_cat_colgroup_new_fields& c0 = v[31]->cat_colgroup_new;
+  EXPECT_EQ(c0.cg_id, 50);
+  EXPECT_EQ(c0.type, 3);
+  EXPECT_EQ(c0.ncols, 0);  // no ids, no bytes read
+  EXPECT_EQ(c0.col_ids, nullptr);
+  EXPECT_EQ(v[32]->tr_end.trid, 7);
+}
+
+// ---- Golden logs ----
+
+TEST_F(Bc20Reader, GoldenLittleEndianLogGivesEveryRecordWithItsFields) {
+  // Mark D2 04, then the 2.0 word as its documented bytes.
+  std::string head = std::string("\xD2\x04", 2) + std::string("\x00\x00\x00\x4C\x41\x57\x52\x43", 8);
+  ASSERT_EQ(head, LogBytes().head().bytes());
+  open(head + all_records(false), false);
+  EXPECT_EQ(bc20_logger_read_version(s_), kV20);
+  Call c = call();
+  EXPECT_EQ(c.rc, 1);
+  EXPECT_EQ(c.err, "");
+  check_all_records(c.list);
+  Call end = call();
+  EXPECT_EQ(end.rc, 0);
+  EXPECT_EQ(end.list, nullptr);
+}
+
+TEST_F(Bc20Reader, GoldenBigEndianLogReadsTheSame) {
+  std::string head = LogBytes(true).head().bytes();
+  ASSERT_EQ(head.substr(0, 2), std::string("\x04\xD2", 2));
+  open(head + all_records(true), false);
+  EXPECT_EQ(bc20_logger_read_version(s_), kV20);
+  Call c = call();
+  EXPECT_EQ(c.rc, 1);
+  check_all_records(c.list);
+  EXPECT_EQ(call().rc, 0);
+}
+
+TEST_F(Bc20Reader, PdtNewIsWidenedWithItsDebugLine) {
+  setenv("CVLOG", "LOGGER=debug", 1);
+  cv_log_reset_for_tests();
+  Call c = read_one(LogBytes().i32(0).lng(1).i32(26).lng(5).i32(3).raw("abc").i32(1).lng(1).bytes());
+  EXPECT_EQ(c.rc, 1);
+  EXPECT_EQ(c.err, "#LOGGER:converting pdt_new log action to pdt_new_64, object_id=5, data_size=3\n");
+  EXPECT_EQ(c.list->next->type, bc20_pdt_new_64);
+  EXPECT_EQ(c.list->next->pdt_new_64.size, 3);
+}
+
+// ---- Transaction boundaries and the state machine ----
+
+TEST_F(Bc20Reader, HeadOnlyLogEndsAtOnceWithNoList) {
+  open(LogBytes().head().bytes());
+  Call c = call();
+  EXPECT_EQ(c.rc, 0);
+  EXPECT_EQ(c.list, nullptr);
+  EXPECT_EQ(c.err, "");
+}
+
+TEST_F(Bc20Reader, TransactionsComeOneByOneAndRecordsBetweenThemJoinTheNext) {
+  LogBytes b;
+  b.head().i32(0).lng(1).i32(34).lng(9).i32(1).lng(1);  // tr 1
+  b.i32(29).lng(4);                                     // between transactions
+  b.i32(0).lng(2).i32(1).lng(2);                        // tr 2
+  b.i32(14).lng(5).i32(20).lng(6);                      // behind the last tr_end
+  open(b.bytes());
+  Call t1 = call();
+  EXPECT_EQ(t1.rc, 1);
+  EXPECT_EQ(types_of(t1.list), (std::vector<uint32_t>{bc20_tr_new, bc20_file_del, bc20_tr_end}));
+  Call t2 = call();
+  EXPECT_EQ(t2.rc, 1);
+  EXPECT_EQ(types_of(t2.list),
+            (std::vector<uint32_t>{bc20_cat_location_del, bc20_tr_new, bc20_tr_end}));
+  Call tail = call();
+  EXPECT_EQ(tail.rc, 0);
+  EXPECT_EQ(types_of(tail.list), (std::vector<uint32_t>{bc20_cat_table_del, bc20_cat_index_del}));
+  EXPECT_EQ(t1.err + t2.err + tail.err, "");
+}
+
+TEST_F(Bc20Reader, StateMachineFailuresLogTheirTexts) {
+  struct Case {
+    std::string records;
+    std::string err;
+  } cases[] = {
+      {LogBytes().i32(0).lng(1).i32(0).lng(2).bytes(),
+       "ERROR:LOGGER:tr_new called while in transaction\n"},
+      {LogBytes().i32(1).lng(1).bytes(), "ERROR:LOGGER:tr_end called while not in transaction\n"},
+      {LogBytes().i32(0).lng(1).i32(1).lng(2).bytes(), "ERROR:LOGGER:incorrect transaction\n"},
+      {LogBytes().i32(0).lng(1).i32(34).lng(3).bytes(),
+       "ERROR:LOGGER:reading transaction finished while still in open transaction\n"},
+      {LogBytes().i32(0).bytes(), ""},  // a short tr_new logs nothing by itself
+  };
+  for (const Case& k : cases) {
+    Call c = read_one(k.records);
+    EXPECT_EQ(c.rc, 1) << k.err;
+    EXPECT_EQ(c.list, nullptr) << k.err;
+    EXPECT_EQ(c.err, k.err);
+  }
+}
+
+TEST_F(Bc20Reader, TagsOutsideTheTableAreUnhandled) {
+  for (int32_t tag : {3, 6, 9, 10, 11, 12, 39, 1000, -1, INT_MIN}) {
+    Call c = read_one(LogBytes().i32(0).lng(1).i32(tag).lng(0).bytes());
+    EXPECT_EQ(c.rc, 1);
+    EXPECT_EQ(c.list, nullptr);
+    EXPECT_EQ(c.err, "ERROR:LOGGER:Unhandled log value " + std::to_string(tag) + "\n");
+  }
+}
+
+// ---- Every record's failure text ----
+
+struct Record {
+  const char* name;
+  std::string bytes;  // tag and fields
+  std::string err;    // the whole log line of a failed read
+};
+
+std::vector<Record> one_of_each() {
+  auto r = [](const char* name, const LogBytes& b, const std::string& text) {
+    return Record{name, b.bytes(), "ERROR:LOGGER:" + text + (text.back() == '\n' ? "" : "\n")};
+  };
+  return {
+      r("tr_end", LogBytes().i32(1).lng(1), "incorrect transaction\n"),
+      r("cs_new_defaultfile", LogBytes().i32(2).i32(1).str("n").i32(1).i32(0).i32(0).lng(0),
+        "incorrect cs_new\n"),
+      r("cs_new", LogBytes().i32(35).i32(1).str("n").i32(1).i32(0).i32(0).lng(0),
+        "incorrect cs_new\n"),
+      r("col_new", LogBytes().i32(4).i32(1).i32(0).i32(2), "incorrect col_new\n"),
+      r("col_del", LogBytes().i32(5).i32(1).i32(0).i32(2), "incorrect col_del\n"),
+      r("blk_new_defaultfile", LogBytes().i32(7).i32(1).lng(2).i32(0).i32(3).i32(4),
+        "incorrect blk_new_defaultfile"),
+      r("blk_del_defaultfile", LogBytes().i32(8).i32(1).lng(2).i32(0),
+        "incorrect blk_del_defaultfile"),
+      r("cat_table_new", LogBytes().i32(13).lng(1).str("t").lng(2), "incorrect cat_table_new\n"),
+      r("cat_table_del", LogBytes().i32(14).lng(1), "incorrect cat_table_del\n"),
+      r("cat_column_new",
+        LogBytes().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4).str("c").str("n").i32(5),
+        "incorrect cat_column_new\n"),
+      r("cat_column_del", LogBytes().i32(16).lng(1), "incorrect cat_column_del\n"),
+      r("cat_colgroup_new_defaultfile",
+        LogBytes().i32(17).lng(1).lng(2).lng(3).i32(4).lng(0).i32(1).raw_lng(9),
+        "incorrect cat_colgroup_new_defaultfile\n"),
+      r("cat_colgroup_del", LogBytes().i32(18).lng(1), "incorrect cat_colgroup_del\n"),
+      r("cat_index_new", LogBytes().i32(19).lng(1).str("i").i32(2).lng(3).lng(4).lng(5).lng(6),
+        "incorrect cat_index_new\n"),
+      r("cat_index_del", LogBytes().i32(20).lng(1), "incorrect cat_index_del\n"),
+      r("minmax_size", LogBytes().i32(21).lng(1).lng(2).lng(3).lng(4), "incorrect minmax_size"),
+      r("minmax_data", LogBytes().i32(22).lng(1).i32(2).lng(1).raw("d").i32(3).lng(1).raw("oo"),
+        "incorrect minmax_data"),
+      r("minmax_vardata", LogBytes().i32(23).lng(1).i32(2).lng(1).raw("d").i32(3).lng(1).raw("o"),
+        "incorrect minmax_vardata"),
+      r("jis_size", LogBytes().i32(24).lng(1).lng(2).lng(3).lng(4), "incorrect jis_size"),
+      r("jis_data", LogBytes().i32(25).lng(1).i32(2).lng(1).raw_lng(3), "incorrect jis_data"),
+      r("pdt_new", LogBytes().i32(26).lng(1).i32(2).raw("pd"), "incorrect pdt_new"),
+      r("pdt_new_64", LogBytes().i32(27).lng(1).lng(2).raw("pd"), "incorrect pdt_new_64"),
+      r("cat_location_new", LogBytes().i32(28).lng(1).str("l").i32(2),
+        "incorrect cat_location_new"),
+      r("cat_location_del", LogBytes().i32(29).lng(1), "incorrect cat_location_del"),
+      r("cat_location_update", LogBytes().i32(30).lng(1).i32(2), "incorrect cat_location_update"),
+      r("blk_new", LogBytes().i32(31).i32(1).lng(2).lng(3).i32(4).i32(5), "incorrect blk_new"),
+      r("blk_del", LogBytes().i32(32).i32(1).lng(2).lng(3), "incorrect blk_del"),
+      r("file_new", LogBytes().i32(33).lng(1).lng(2).str("f"), "incorrect file_new"),
+      r("file_del", LogBytes().i32(34).lng(1), "incorrect file_del"),
+      r("colgroup_file_new", LogBytes().i32(36).lng(1).lng(2), "incorrect colgroup_file_new\n"),
+      r("colgroup_file_del", LogBytes().i32(37).lng(1).lng(2), "incorrect colgroup_file_del\n"),
+      r("cat_colgroup_new", LogBytes().i32(38).lng(1).lng(2).lng(3).i32(4).i32(1).raw_lng(9),
+        "incorrect cat_colgroup_new\n"),
+  };
+}
+
+TEST_F(Bc20Reader, RecordCutAnywhereAfterItsTagFailsWithItsOwnText) {
+  const std::string tr_new = LogBytes().i32(0).lng(1).bytes();
+  for (const Record& rec : one_of_each()) {
+    // Whole, the record reads (tr_end closes the transaction; the others need one).
+    std::string whole = tr_new + rec.bytes + (rec.bytes[0] == 1 ? "" : LogBytes().i32(1).lng(1).bytes());
+    Call ok = read_one(whole);
+    EXPECT_EQ(ok.rc, 1) << rec.name;
+    EXPECT_NE(ok.list, nullptr) << rec.name;
+    EXPECT_EQ(ok.err, "") << rec.name;
+    for (size_t cut = 4; cut < rec.bytes.size(); cut++) {
+      Call c = read_one(tr_new + rec.bytes.substr(0, cut));
+      EXPECT_EQ(c.rc, 1) << rec.name << " cut at " << cut;
+      EXPECT_EQ(c.list, nullptr) << rec.name << " cut at " << cut;
+      EXPECT_EQ(c.err, rec.err) << rec.name << " cut at " << cut;
+    }
+    // Cut right behind the record: the transaction is open at the end.
+    if (rec.bytes[0] != 1) {
+      Call c = read_one(tr_new + rec.bytes);
+      EXPECT_EQ(c.err, "ERROR:LOGGER:reading transaction finished while still in open transaction\n")
+          << rec.name;
+    }
+  }
+}
+
+TEST_F(Bc20Reader, CsNewNameLengthOutsideTheBufferIsNamedFirst) {
+  const std::string unexpected = "ERROR:LOGGER:read_cs_new: unexpected values in log\n";
+  const std::string incorrect = "ERROR:LOGGER:incorrect cs_new\n";
+  for (int32_t tag : {2, 35}) {
+    for (int32_t length : {512, -1, INT_MAX}) {
+      Call c = read_one(LogBytes().i32(0).lng(1).i32(tag).i32(1).i32(length).raw(std::string(600, 'n')).bytes());
+      EXPECT_EQ(c.list, nullptr);
+      EXPECT_EQ(c.err, unexpected + incorrect) << length;
+    }
+    // A name within bounds but longer than the file: a short read, the tag's text only.
+    Call c = read_one(LogBytes().i32(0).lng(1).i32(tag).i32(1).i32(300).raw("abc").bytes());
+    EXPECT_EQ(c.err, incorrect);
+    // 511 bytes is the longest name.
+    Call ok = read_one(LogBytes().i32(0).lng(1).i32(tag).i32(1).str(std::string(511, 'n')).i32(8).i32(0).i32(0).lng(0).i32(1).lng(1).bytes());
+    EXPECT_EQ(ok.rc, 1);
+    ASSERT_NE(ok.list, nullptr);
+    EXPECT_EQ(ok.list->next->cs_new.blksz, 8);
+  }
+}
+
+TEST_F(Bc20Reader, StringsOf512BytesOrMoreFailTheirRecord) {
+  const std::string tr_new = LogBytes().i32(0).lng(1).bytes();
+  const std::string tr_end = LogBytes().i32(1).lng(1).bytes();
+  const std::string s511(511, 'x'), s512(512, 'x');
+  // Each builder places `text` in one string field of its record.
+  struct Case {
+    const char* err;
+    std::function<std::string(const std::string&)> build;
+  } cases[] = {
+      {"incorrect cat_table_new\n", [](const std::string& t) { return LogBytes().i32(13).lng(1).str(t).lng(2).bytes(); }},
+      {"incorrect file_new", [](const std::string& t) { return LogBytes().i32(33).lng(1).lng(2).str(t).bytes(); }},
+      {"incorrect cat_location_new", [](const std::string& t) { return LogBytes().i32(28).lng(1).str(t).i32(2).bytes(); }},
+      {"incorrect cat_index_new\n", [](const std::string& t) { return LogBytes().i32(19).lng(1).str(t).i32(2).lng(3).lng(4).lng(5).lng(6).bytes(); }},
+      {"incorrect cat_column_new\n", [](const std::string& t) { return LogBytes().i32(15).lng(1).str(t).i32(2).str("l").i32(3).i32(4).str("c").str("n").i32(5).bytes(); }},
+      {"incorrect cat_column_new\n", [](const std::string& t) { return LogBytes().i32(15).lng(1).str("a").i32(2).str(t).i32(3).i32(4).str("c").str("n").i32(5).bytes(); }},
+      {"incorrect cat_column_new\n", [](const std::string& t) { return LogBytes().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4).str(t).str("n").i32(5).bytes(); }},
+      {"incorrect cat_column_new\n", [](const std::string& t) { return LogBytes().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4).str("c").str(t).i32(5).bytes(); }},
+  };
+  for (const Case& k : cases) {
+    Call ok = read_one(tr_new + k.build(s511) + tr_end);
+    EXPECT_EQ(ok.rc, 1) << k.err;
+    EXPECT_NE(ok.list, nullptr) << k.err;
+    Call bad = read_one(tr_new + k.build(s512) + tr_end);
+    EXPECT_EQ(bad.list, nullptr) << k.err;
+    EXPECT_EQ(bad.err, std::string("ERROR:LOGGER:") + k.err + (k.err[strlen(k.err) - 1] == '\n' ? "" : "\n"));
+  }
+}
+
+// Lengths read from the file are held against the bytes left before anything is allocated: each
+// oversize or negative length fails its record with the record's text and allocates nothing big.
+TEST_F(Bc20Reader, OversizeAndNegativeLengthsAreRefusedUnallocated) {
+  const std::string tr_new = LogBytes().i32(0).lng(1).bytes();
+  const std::string filler(4096, 'z');
+  std::vector<int64_t> i32s = {INT_MAX, INT_MAX - 7, 4097, -1, INT_MIN};
+  std::vector<int64_t> i64s = {INT_MAX, 4097, 1LL << 61, 1LL << 62, INT64_MAX, -1, INT64_MIN};
+  struct Case {
+    const char* err;
+    bool wide;  // a lng length field
+    std::function<std::string(int64_t)> build;
+  } cases[] = {
+      {"incorrect cat_table_new\n", false, [](int64_t n) { return LogBytes().i32(13).lng(1).i32(int32_t(n)).bytes(); }},
+      {"incorrect file_new", false, [](int64_t n) { return LogBytes().i32(33).lng(1).lng(2).i32(int32_t(n)).bytes(); }},
+      {"incorrect cat_location_new", false, [](int64_t n) { return LogBytes().i32(28).lng(1).i32(int32_t(n)).bytes(); }},
+      {"incorrect cat_index_new\n", false, [](int64_t n) { return LogBytes().i32(19).lng(1).i32(int32_t(n)).bytes(); }},
+      {"incorrect cat_column_new\n", false, [](int64_t n) { return LogBytes().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4).str("c").i32(int32_t(n)).bytes(); }},
+      {"incorrect cat_colgroup_new\n", false, [](int64_t n) { return LogBytes().i32(38).lng(1).lng(2).lng(3).i32(4).i32(int32_t(n)).bytes(); }},
+      {"incorrect cat_colgroup_new_defaultfile\n", false, [](int64_t n) { return LogBytes().i32(17).lng(1).lng(2).lng(3).i32(4).lng(0).i32(int32_t(n)).bytes(); }},
+      {"incorrect pdt_new", false, [](int64_t n) { return LogBytes().i32(26).lng(1).i32(int32_t(n)).bytes(); }},
+      {"incorrect pdt_new_64", true, [](int64_t n) { return LogBytes().i32(27).lng(1).lng(n).bytes(); }},
+      {"incorrect minmax_data", true, [](int64_t n) { return LogBytes().i32(22).lng(1).i32(2).lng(n).bytes(); }},
+      {"incorrect minmax_data", true, [](int64_t n) { return LogBytes().i32(22).lng(1).i32(2).lng(1).raw("d").i32(3).lng(n).bytes(); }},
+      {"incorrect minmax_vardata", true, [](int64_t n) { return LogBytes().i32(23).lng(1).i32(2).lng(n).bytes(); }},
+      {"incorrect minmax_vardata", true, [](int64_t n) { return LogBytes().i32(23).lng(1).i32(2).lng(0).i32(3).lng(n).bytes(); }},
+      {"incorrect jis_data", true, [](int64_t n) { return LogBytes().i32(25).lng(1).i32(2).lng(n).bytes(); }},
+  };
+  for (const Case& k : cases) {
+    for (int64_t n : k.wide ? i64s : i32s) {
+      Call c = read_one(tr_new + k.build(n) + filler);
+      EXPECT_EQ(c.rc, 1);
+      EXPECT_EQ(c.list, nullptr) << k.err << " length " << n;
+      EXPECT_EQ(c.err, std::string("ERROR:LOGGER:") + k.err + (k.err[strlen(k.err) - 1] == '\n' ? "" : "\n"))
+          << " length " << n;
+      EXPECT_LT(mem_context_used(mem_), 64u * 1024) << k.err << " length " << n;
+    }
+  }
+  // A payload may reach exactly to the end of the file, and no further.
+  const std::string tr_end = LogBytes().i32(1).lng(1).bytes();
+  Call fit = read_one(tr_new + LogBytes().i32(27).lng(1).lng(4096).bytes() + filler + tr_end);
+  EXPECT_EQ(fit.rc, 1);
+  ASSERT_NE(fit.list, nullptr);
+  EXPECT_EQ(fit.list->next->pdt_new_64.size, 4096);
+  Call over = read_one(tr_new + LogBytes().i32(27).lng(1).lng(4096 + 13).bytes() + filler + tr_end);
+  EXPECT_EQ(over.err, "ERROR:LOGGER:incorrect pdt_new_64\n");
+}
+
+// ---- Content assertions ----
+
+TEST_F(Bc20Reader, ContentAssertionsStopTheProcess) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  std::string tr_new = LogBytes().i32(0).lng(1).bytes();
+  auto read = [&](const std::string& records) {
+    open(LogBytes().head().bytes() + tr_new + records);
+    bc20_action* list;
+    bc20_logger_read_transaction(mem_, s_, &list);
+  };
+  EXPECT_DEATH(read(LogBytes().i32(38).lng(0).lng(2).lng(3).i32(4).i32(0).bytes()),
+               "assertion \"colgroup_id\" failed");
+  EXPECT_DEATH(read(LogBytes().i32(17).lng(0).lng(2).lng(3).i32(4).lng(0).i32(0).bytes()),
+               "assertion \"colgroup_id\" failed");
+  EXPECT_DEATH(read(LogBytes().i32(36).lng(4).lng(-1).bytes()),
+               "assertion \"colgroup_id && file_nr >= 0\" failed");
+  EXPECT_DEATH(read(LogBytes().i32(37).lng(0).lng(3).bytes()),
+               "assertion \"colgroup_id && file_nr >= 0\" failed");
+}
+
+// ---- Robustness: cut and damaged files ----
+
+// A log of several transactions with every record kind.
+std::string multi_transaction_log() {
+  LogBytes b;
+  b.head();
+  std::string body = all_records(false);
+  b.raw(body);
+  b.raw(LogBytes().i32(0).lng(8).i32(31).i32(1).lng(2).lng(3).i32(4).i32(5).i32(1).lng(8).bytes());
+  b.raw(LogBytes().i32(29).lng(4).bytes());  // behind the last tr_end
+  return b.bytes();
+}
+
+// Reads the whole stream as the dump does, calling the reader until it says 0. Each call must
+// end with 0, with 1 and a list ending in tr_end, or with 1, no list and a logged failure.
+// `err_size` reports how many bytes the log has written so far. Returns false on a violation.
+bool read_to_end(MemContext* mem, stream* s, const std::function<int64_t()>& err_size,
+                 std::string* why) {
+  for (int calls = 0; calls < 100000; calls++) {
+    int64_t before = err_size();
+    bc20_action* list = reinterpret_cast<bc20_action*>(0x1);
+    int rc = bc20_logger_read_transaction(mem, s, &list);
+    if (rc == 0) return true;
+    if (rc != 1) {
+      *why = "result " + std::to_string(rc);
+      return false;
+    }
+    if (list == nullptr) {
+      // Only a tr_new cut by the end of the file fails without a word.
+      if (err_size() == before && !feof_unlocked(s->handle)) {
+        *why = "a failed call logged nothing";
+        return false;
+      }
+      continue;
+    }
+    const bc20_action* last = list;
+    while (last->next != nullptr) last = last->next;
+    if (last->type != bc20_tr_end) {
+      *why = "a list that doesn't end in tr_end";
+      return false;
+    }
+  }
+  *why = "the reader never ended";
+  return false;
+}
+
+TEST_F(Bc20Reader, EveryPrefixOfAValidLogReadsToAnEndCleanly) {
+  const std::string log = multi_transaction_log();
+  // While stderr is captured, fd 2 is a file: its size is what the log has written.
+  auto err_size = [] { return static_cast<int64_t>(lseek(2, 0, SEEK_END)); };
+  for (size_t n = 10; n <= log.size(); n++) {
+    open(log.substr(0, n));
+    CaptureStderr();
+    std::string why;
+    bool ok = read_to_end(mem_, s_, err_size, &why);
+    GetCapturedStderr();
+    EXPECT_TRUE(ok) << "prefix " << n << ": " << why;
+    mem_context_remove(mem_);
+    mem_ = mem_context_create(nullptr, "logger_replay_tc");
+  }
+}
+
+// Random byte flips over a valid log. The content assertions (a column group id of 0, a file
+// number below 0) are defined ends of the process, so the cases run in a child that is restarted
+// behind such a case; the parent checks that every end of a child is one of those assertions.
+TEST_F(Bc20Reader, RandomByteFlipsNeverCrashOrReadOutOfBounds) {
+  const std::string log = multi_transaction_log();
+  const int kCases = 3000;
+  std::mt19937 rng(20240601);
+  std::vector<std::string> inputs;
+  for (int i = 0; i < kCases; i++) {
+    std::string damaged = log;
+    int flips = 1 + static_cast<int>(rng() % 4);
+    for (int f = 0; f < flips; f++) {
+      size_t at = 2 + rng() % (damaged.size() - 2);
+      damaged[at] = static_cast<char>(damaged[at] ^ static_cast<char>(1 + rng() % 255));
+    }
+    if (rng() % 8 == 0) damaged.resize(10 + rng() % (damaged.size() - 10));
+    inputs.push_back(damaged);
+  }
+
+  auto* next_case = static_cast<int*>(
+      mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(next_case, MAP_FAILED);
+  *next_case = 0;
+  const std::string err_path = tmp_.file("child_err");
+  int assertion_ends = 0;
+  while (*next_case < kCases) {
+    fflush(nullptr);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      int fd = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+      dup2(fd, 2);
+      auto err_size = [] { return static_cast<int64_t>(lseek(2, 0, SEEK_END)); };
+      for (; *next_case < kCases; ++*next_case) {
+        j480test::write_file(path_, inputs[*next_case]);
+        stream* s = open_binary_read_stream(path_.c_str());
+        MemContext* mem = mem_context_create(nullptr, "logger_replay_tc");
+        bc20_logger_read_version(s);
+        std::string why;
+        if (!read_to_end(mem, s, err_size, &why)) {
+          dprintf(2, "\nVIOLATION case %d: %s\n", *next_case, why.c_str());
+          _exit(3);
+        }
+        mem_context_remove(mem);
+        stream_close_destroy(s);
+        if (ftruncate(2, 0) != 0) _exit(4);
+      }
+      _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) break;
+    std::string err = j480test::read_file(err_path);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT)
+        << "case " << *next_case << " ended with status " << status << ":\n" << err;
+    bool known = err.find("assertion \"colgroup_id\" failed") != std::string::npos ||
+                 err.find("assertion \"colgroup_id && file_nr >= 0\" failed") != std::string::npos;
+    ASSERT_TRUE(known) << "case " << *next_case << ":\n" << err;
+    assertion_ends++;
+    ++*next_case;
+  }
+  EXPECT_LT(assertion_ends, kCases / 10);
+  munmap(next_case, sizeof(int));
+}
+
+}  // namespace
