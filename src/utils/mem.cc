@@ -46,6 +46,39 @@ MemContext* g_roots = nullptr;
 
 char g_empty_string[1] = {0};
 
+// Freed heap areas of the standard size wait here for reuse. Contexts of a few areas come and go
+// all the time (one per replayed transaction); handing their areas straight back to the heap
+// makes it trim its top and fault the same pages in again for the next context. Off under the
+// sanitizers, which should see every area freed.
+#ifdef J480_SANITIZE
+constexpr int kAreaCacheMax = 0;
+#else
+constexpr int kAreaCacheMax = 64;
+#endif
+constexpr uint64_t kStandardAreaSize = MEM_DEFAULT_CHUNKSIZE + sizeof(mem_area) + 15;
+std::mutex g_area_cache_lock;
+void* g_area_cache[kAreaCacheMax > 0 ? kAreaCacheMax : 1];
+int g_area_cache_count = 0;
+
+void* heap_area_get(uint64_t size) {
+  if (kAreaCacheMax > 0 && size == kStandardAreaSize) {
+    std::lock_guard<std::mutex> lock(g_area_cache_lock);
+    if (g_area_cache_count > 0) return g_area_cache[--g_area_cache_count];
+  }
+  return malloc(size);
+}
+
+void heap_area_put(mem_area* area) {
+  if (kAreaCacheMax > 0 && area->size == kStandardAreaSize) {
+    std::lock_guard<std::mutex> lock(g_area_cache_lock);
+    if (g_area_cache_count < kAreaCacheMax) {
+      g_area_cache[g_area_cache_count++] = area;
+      return;
+    }
+  }
+  free(area);
+}
+
 inline uint64_t round_up(uint64_t v, uint64_t a) { return (v + a - 1) / a * a; }
 inline uint64_t align_size(uint64_t v) { return (v + J480_ALIGN - 1) & ~uint64_t(J480_ALIGN - 1); }
 inline uint64_t area_room(const mem_area* a) { return a->size - a->used; }
@@ -754,7 +787,7 @@ mem_area* mem_area_alloc(uint64_t size, uint64_t reserved, int32_t mode) {
   mem_area_aligned_sizes(&asize, &ares, mode);
   void* p;
   if (mode == MEM_AREA_HEAP) {
-    p = malloc(asize);
+    p = heap_area_get(asize);
   } else {
     p = vm_map(asize, ares, mode == MEM_AREA_HUGE);
     if (p == nullptr && mode == MEM_AREA_HUGE) {
@@ -816,11 +849,11 @@ mem_area* mem_area_extend(mem_area* area, uint64_t size, uint64_t reserved) {
 }
 
 void mem_area_free(mem_area* area) {
-  if (area->mode == MEM_AREA_HEAP) free(area);
+  if (area->mode == MEM_AREA_HEAP) heap_area_put(area);
   else px_munmap(area, area->reserved);
 }
 
-void* mem_mallocex(MemContext* ctx, uint64_t size, int flags) {
+void* mem_mallocex_full(MemContext* ctx, uint64_t size, int flags) {
   J480_ASSERT(MEM_MODULE, (flags & MEM_ALLOC_VALID_FLAGS) == flags);
   if (__builtin_expect(size > kMaxRequest, 0)) return mem_alloc_failed(ctx, size, flags);
   const uint64_t allocsize = align_size(size);

@@ -11,10 +11,14 @@
 #ifndef J480_UTILS_MEM_H
 #define J480_UTILS_MEM_H
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <string>
+
+#include "utils/cvlog.h"
 
 #define J480_ALIGN 16
 
@@ -122,7 +126,7 @@ uint64_t mem_context_used(const MemContext* ctx);
 void mem_context_print(const char* module);
 void mem_add_cleanup(MemContext* ctx, void* arg, mem_cleanup_fn function);
 
-void* mem_mallocex(MemContext* ctx, uint64_t size, int flags);
+inline void* mem_mallocex(MemContext* ctx, uint64_t size, int flags);
 void* mem_callocex(MemContext* ctx, uint64_t size, int flags);
 void* mem_realloc(MemContext* ctx, void* block, uint64_t size, int flags);
 void* mem_reallocex(MemContext* ctx, void* block, uint64_t size, int flags);
@@ -133,6 +137,39 @@ char* mem_printf(MemContext* ctx, int flags, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 const char* mem_strdup_lower(MemContext* ctx, const char* string);
 void* mem_calloc_plain(uint64_t size);
+
+// The whole allocation: own areas, new areas, keeping the most room at the head, failure.
+void* mem_mallocex_full(MemContext* ctx, uint64_t size, int flags);
+
+// Flags that leave a request to the head of `areas`.
+#define MEM_FAST_FLAGS (MEM_ALLOC_VALID_FLAGS & ~(J480_MEM_LARGE | J480_MEM_EXACT))
+// Largest request of the inline path (no overflow in its rounding).
+#define MEM_FAST_MAX_SIZE (1ull << 32)
+
+// The common case inline: a block from the head area, which keeps the most room afterwards.
+inline void* mem_mallocex(MemContext* ctx, uint64_t size, int flags) {
+  mem_area* area = ctx->areas;
+  const uint64_t allocsize = (size + J480_ALIGN - 1) & ~uint64_t(J480_ALIGN - 1);
+  const uint64_t need = allocsize + sizeof(mem_block);
+  if (__builtin_expect((flags & ~MEM_FAST_FLAGS) == 0 && area != nullptr &&
+                           size <= MEM_FAST_MAX_SIZE && area->size - area->used >= need,
+                       1)) {
+    const mem_area* next = area->next;
+    if (next == nullptr || next->size - next->used <= area->size - area->used - need) {
+      mem_block* block = reinterpret_cast<mem_block*>(reinterpret_cast<char*>(area) + area->used);
+      area->ref++;
+      area->used += need;
+      block->area = area;
+      block->size = size;
+      block->allocsize = allocsize;
+      block->flags = static_cast<uint32_t>(flags & MEM_BLOCK_FLAGS_MASK);
+      void* retval = block + 1;
+      J480_ASSERT("MEMCONTEXT", (((ssize_t)retval) & (J480_ALIGN - 1)) == 0);
+      return retval;
+    }
+  }
+  return mem_mallocex_full(ctx, size, flags);
+}
 
 inline void* mem_malloc(MemContext* ctx, uint64_t size) { return mem_mallocex(ctx, size, 0); }
 inline void* mem_calloc(MemContext* ctx, uint64_t size) { return mem_callocex(ctx, size, 0); }
