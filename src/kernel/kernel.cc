@@ -10,6 +10,7 @@
 #include "kernel/vheap.h"
 #include "utils/cvconfig.h"
 #include "utils/cvlog.h"
+#include "utils/system.h"
 
 #define KERNEL "KERNEL"
 
@@ -24,6 +25,7 @@ void kernel_init(cvconfig_layer* config) {
   if (kernel_initialized) return;
   J480_ASSERT(KERNEL, config);
 
+  system_init(config);
   ptype_register_all();
   systables_register_kernel();
   prim_register_table(prim_gen_table);
@@ -38,4 +40,7 @@ void kernel_init(cvconfig_layer* config) {
   kernel_initialized = true;
 }
 
-void kernel_exit() { prim_registry_free(); }
+void kernel_exit() {
+  prim_registry_free();
+  system_exit();
+}
