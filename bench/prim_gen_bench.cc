@@ -17,7 +17,7 @@ constexpr int64_t kN = 1024;  // one vector
 struct Setup {
   Setup() {
     prim_registry_free();
-    prim_register_table(prim_gen_table);
+    prim_register_table(prim_gen_table());
   }
 };
 const Setup setup;

@@ -28,8 +28,8 @@ void kernel_init(cvconfig_layer* config) {
   system_init(config);
   ptype_register_all();
   systables_register_kernel();
-  prim_register_table(prim_gen_table);
-  prim_register_table(prim_hash_table);
+  prim_register_table(prim_gen_table());
+  prim_register_table(prim_hash_table());
   charmap_init();
   prim_hash_set_float_functions();
   vheap_set_default_config(config);

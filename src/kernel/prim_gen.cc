@@ -183,7 +183,8 @@ int64_t fill_str_val_vheap(int64_t n, const char** dst, const void* value, vheap
       {#t, "gen_condense_" #t "_col", prim_fn(&condense_col<T>)},                \
       {#t, "gen_condense_" #t "_val", prim_fn(&condense_val<T>)}
 
-const prim_desc prim_gen_table[] = {
+const prim_desc* prim_gen_table() {
+  static const prim_desc rows[] = {
     GEN_ROWS(uchr, uint8_t),
     GEN_ROWS(usht, uint16_t),
     GEN_ROWS(uint, uint32_t),
@@ -202,4 +203,6 @@ const prim_desc prim_gen_table[] = {
     {"str", "gen_condense_str_val_vheap_val", prim_fn(&condense_str_val_vheap)},
     {"str", "gen_condense_str_col_vheap_val", prim_fn(&condense_str_col_vheap)},
     {nullptr, nullptr, nullptr},
-};
+  };
+  return rows;
+}

@@ -35,7 +35,8 @@ typedef int64_t prim_nsm2dsm_fn(int64_t n, void* dst, const void* src, const int
 typedef int64_t prim_str_vheap_fn(int64_t n, const char** dst, const void* src, vheap* heap,
                                   const int64_t* sel, const prim_expr* expr);
 
-// The 69 rows, ending with a null row.
-extern const prim_desc prim_gen_table[];
+// The 69 rows, ending with a null row. (A function: the rows hold function addresses, which a
+// static table can only take at run time.)
+const prim_desc* prim_gen_table();
 
 #endif  // J480_KERNEL_PRIM_GEN_H

@@ -152,21 +152,27 @@ int64_t recheck_nsm(int64_t n, uint8_t* res, const uint8_t* prev, const void* ke
       {"uchr", "map_recheckDSMNSM_uchr_col_" #t "_col_uidx_col_" #t "_col_slng_val",              \
        prim_fn(&recheck_nsm<T, SF>)}
 
-const prim_desc sign_free_rows[] = {
-    HASH_ROWS(flt, float, true),
-    HASH_ROWS(dbl, double, true),
-    {nullptr, nullptr, nullptr},
-};
+const prim_desc* sign_free_rows() {
+  static const prim_desc rows[] = {
+      HASH_ROWS(flt, float, true),
+      HASH_ROWS(dbl, double, true),
+      {nullptr, nullptr, nullptr},
+  };
+  return rows;
+}
 
 }  // namespace
 
-const prim_desc prim_hash_table[] = {
-    HASH_ROWS(flt, float, false),
-    HASH_ROWS(dbl, double, false),
-    {nullptr, nullptr, nullptr},
-};
+const prim_desc* prim_hash_table() {
+  static const prim_desc rows[] = {
+      HASH_ROWS(flt, float, false),
+      HASH_ROWS(dbl, double, false),
+      {nullptr, nullptr, nullptr},
+  };
+  return rows;
+}
 
 void prim_hash_set_float_functions() {
-  for (const prim_desc* row = sign_free_rows; row->name != nullptr; row++)
+  for (const prim_desc* row = sign_free_rows(); row->name != nullptr; row++)
     prim_set_function(row->name, row->ptr);
 }

@@ -37,7 +37,7 @@ typedef int64_t prim_recheck_nsm_fn(int64_t n, uint8_t* res, const uint8_t* prev
                                     const int64_t* sel);
 
 // The 32 rows, ending with a null row.
-extern const prim_desc prim_hash_table[];
+const prim_desc* prim_hash_table();
 
 // Replaces the functions of the 32 rows by versions for which the sign of a zero does not count.
 void prim_hash_set_float_functions();

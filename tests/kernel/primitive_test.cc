@@ -22,8 +22,8 @@ class Registry : public ::testing::Test {
  protected:
   void SetUp() override {
     prim_registry_free();
-    prim_register_table(prim_gen_table);
-    prim_register_table(prim_hash_table);
+    prim_register_table(prim_gen_table());
+    prim_register_table(prim_hash_table());
     prim_hash_set_float_functions();
   }
   void TearDown() override { prim_registry_free(); }
@@ -42,8 +42,8 @@ void dummy_c() {}
 }  // namespace
 
 TEST_F(Registry, EverySignatureFindsItsOwnRow) {
-  EXPECT_EQ(row_count(prim_gen_table), 69);
-  EXPECT_EQ(row_count(prim_hash_table), 32);
+  EXPECT_EQ(row_count(prim_gen_table()), 69);
+  EXPECT_EQ(row_count(prim_hash_table()), 32);
   ASSERT_EQ(prim_count(), 101);
   for (int64_t i = 0; i < prim_count(); i++) {
     const prim_desc* row = prim_row(i);
@@ -130,7 +130,7 @@ TEST_F(Registry, FloatHashIgnoresTheSignOfZeroAfterStart) {
   EXPECT_EQ(res[2], 0);
   // Before the replacement the rows hash bit patterns.
   prim_registry_free();
-  prim_register_table(prim_hash_table);
+  prim_register_table(prim_hash_table());
   float v[2] = {0.0f, -0.0f};
   uint64_t h[2];
   prim_cast<prim_hash_fn>(GetPrimDesc("map_hash_flt_col"))(2, h, v, nullptr);
@@ -233,7 +233,7 @@ TEST(SysTables, KernelTablesAreListedAndTheRegistryStopsAt128) {
   systables_clear();
   ptype_register_all();
   prim_registry_free();
-  prim_register_table(prim_gen_table);
+  prim_register_table(prim_gen_table());
   systables_register_kernel();
   ASSERT_EQ(systable_count(), 4);
   MemContext* mem = mem_context_create(nullptr, "systables_test");
