@@ -74,6 +74,15 @@ void flip_byte(const std::string& path, uint64_t offset, uint8_t mask) {
   write_file(path, bytes);
 }
 
+std::string Esc(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (strchr("\\^$.|?*+()[]{}", c) != nullptr) out += '\\';
+    out += c;
+  }
+  return out;
+}
+
 std::vector<std::string> split_lines(const std::string& text) {
   std::vector<std::string> lines;
   size_t start = 0;

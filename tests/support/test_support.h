@@ -39,6 +39,9 @@ void cut_file(const std::string& path, uint64_t length);
 void set_byte(const std::string& path, uint64_t offset, uint8_t value);
 void flip_byte(const std::string& path, uint64_t offset, uint8_t mask = 0xFF);
 
+// A literal text as a death-test pattern: every regular-expression metacharacter escaped.
+std::string Esc(const std::string& text);
+
 // Lines of a text, without their line feeds; a last line without a line feed counts too.
 std::vector<std::string> split_lines(const std::string& text);
 

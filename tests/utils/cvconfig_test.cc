@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/test_support.h"
+
 #include <cstring>
 #include <string>
 
@@ -13,14 +15,7 @@ namespace {
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
-std::string Esc(const std::string& text) {  // a literal as a death-test pattern
-  std::string out;
-  for (char c : text) {
-    if (strchr("\\^$.|?*+()[]{}", c) != nullptr) out += '\\';
-    out += c;
-  }
-  return out;
-}
+using j480test::Esc;
 
 prop_value L(int64_t v) {
   prop_value p;

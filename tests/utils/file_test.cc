@@ -22,14 +22,7 @@ using j480test::write_file;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
-std::string Esc(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (strchr("\\^$.|?*+()[]{}", c) != nullptr) out += '\\';
-    out += c;
-  }
-  return out;
-}
+using j480test::Esc;
 
 bool Contains(const std::string& haystack, const std::string& needle) {
   return haystack.find(needle) != std::string::npos;

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/test_support.h"
+
 #include <cstring>
 #include <map>
 #include <random>
@@ -65,14 +67,7 @@ class MemTest : public testing::Test {
 };
 using MemDeathTest = MemTest;
 
-std::string Esc(const std::string& text) {  // a literal as a death-test pattern
-  std::string out;
-  for (char c : text) {
-    if (strchr("\\^$.|?*+()[]{}", c) != nullptr) out += '\\';
-    out += c;
-  }
-  return out;
-}
+using j480test::Esc;
 
 uint8_t pattern(uint32_t seed, uint64_t i) { return static_cast<uint8_t>(seed + i * 31 + (i >> 8)); }
 

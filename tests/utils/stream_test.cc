@@ -16,14 +16,7 @@ using j480test::read_file;
 using j480test::TempDir;
 using j480test::write_file;
 
-std::string Esc(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (strchr("\\^$.|?*+()[]{}", c) != nullptr) out += '\\';
-    out += c;
-  }
-  return out;
-}
+using j480test::Esc;
 
 std::string Native(const void* p, size_t n) { return std::string(static_cast<const char*>(p), n); }
 
