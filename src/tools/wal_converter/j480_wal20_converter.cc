@@ -12,11 +12,14 @@
 #include <cstring>
 
 #include "kernel/kernel.h"
+#include "tools/wal_converter/bc20_iobm.h"
+#include "tools/wal_converter/bc20_logger_print.h"
 #include "utils/cvconfig.h"
 #include "utils/cvlog.h"
 #include "utils/file.h"
 #include "utils/posix.h"
 #include "utils/str_funcs.h"
+#include "utils/stream.h"
 #include "utils/version.h"
 
 #define WAL_CONVERTER "WAL_CONVERTER"
@@ -38,6 +41,21 @@ void print_usage(const char* name) {
       "  --dbname <database name>       sets database name\n"
       "  --dumplog                      dumps old and new metadata as XML file\n",
       stdout);
+}
+
+// Writes the log as XML beside it: the old format before the conversion, the new one after.
+// 0, or -1 where the dump refuses the log.
+int dump_log_xml(iobm* /*storage*/, int old_format) {
+  char path[512];
+  const char* cbm = bc20_iobm_cbm_path();
+  if (cbm == nullptr) return -1;
+  str_printf(path, sizeof path, "%s%c%s", cbm, J480_PATH_SEP, "LOG");
+  stream* s = open_binary_read_stream(path);
+  if (s == nullptr) return 0;
+  // The new format's dump joins with the 2.5 logger; only the old log can be dumped here.
+  int result = old_format ? bc20_bm_logger_print(s, 1) : 0;
+  stream_close_destroy(s);
+  return result;
 }
 
 }  // namespace
@@ -75,10 +93,10 @@ int j480_wal20_converter_main(int argc, char** argv) {
 
   // Nothing in the tool reads it back; the layer holds it for the kernel code it shares.
   cvconfig_set_lng(cmdline, CVGROUP_CBM, CVPROP_BUFFERPOOL_BLOCKS, -1);
+  bc20_set_config(cmdline);
 
   const char* dbfarm = cvconfig_get_str(cmdline, CVGROUP_SERVER, CVPROP_DBFARM_PATH);
   const char* dbname = cvconfig_get_str(cmdline, CVGROUP_SERVER, CVPROP_DBNAME);
-  (void)dump_log;
   if (str_empty(dbfarm) || str_empty(dbname)) {
     CV_ERROR(WAL_CONVERTER, "No database farm and/or name.");
     result = -1;
@@ -108,6 +126,11 @@ int j480_wal20_converter_main(int argc, char** argv) {
 
   kernel_init(cmdline);
 
+  if (dump_log && dump_log_xml(bc20_iobm, 1) < 0) {
+    result = -1;
+    goto tail;
+  }
+
   // The storage replay and the 2.5 writer are not part of this build.
   CV_ERROR(WAL_CONVERTER,
            "The 2.0 to 2.5 conversion is not available in this build; '%s' is left unchanged.",
@@ -116,6 +139,7 @@ int j480_wal20_converter_main(int argc, char** argv) {
 
 tail:
   CV_INFO(WAL_CONVERTER, "Done converting. Exiting.");
+  bc20_set_config(nullptr);
   cvconfig_destroy(config);
   kernel_exit();
   free(db_cbm_path);

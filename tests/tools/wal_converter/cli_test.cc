@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "support/test_support.h"
+#include "tools/wal_converter/log_bytes.h"
 
 using j480test::RunResult;
 using j480test::split_lines;
@@ -179,4 +180,44 @@ TEST(CommandLine, RandomArgumentListsNeverCrashAndEndWithAKnownOutcome) {
     bool stopped_at_parse = r.status == 0 || r.out.rfind("J480 WAL 2.0 converter\n", 0) == 0;
     EXPECT_EQ(tails, stopped_at_parse ? 0u : 1u);
   }
+}
+
+TEST(RunSequence, DumplogWritesTheOldLogAsXmlBeforeStopping) {
+  j480test::TempDir farm;
+  std::string cbm = farm.file("db/CBM");
+  j480test::make_dirs(cbm);
+  j480test::LogBytes log;
+  log.head().i32(0).lng(7).i32(14).lng(42).i32(1).lng(7);  // tr_new 7, cat_table_del 42, tr_end 7
+  j480test::write_file(cbm + "/LOG", log.bytes());
+  RunResult r = run({"--dumplog", "--dbfarm", farm.path(), "--dbname", "db"});
+  EXPECT_EQ(r.status, 255);
+  const std::string xml =
+      "<wal base_version=\"4851035686591004672\" cur_version=\"0\">\n"
+      "<tr trid=\"7\">\n"
+      "<cat_table_del table_id=\"42\"/>\n"
+      "</tr trid=\"7\">\n"
+      "</wal>\n";
+  EXPECT_EQ(j480test::read_file(cbm + "/_LOG_XML_20"), xml);
+  EXPECT_NE(r.err.find("#LOGGER:<cat_table_del table_id=\"42\"/>\n"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("not available in this build"), std::string::npos);
+  EXPECT_EQ(j480test::read_file(cbm + "/LOG"), log.bytes());
+}
+
+TEST(RunSequence, DumplogOfAnAlreadyConvertedLogStopsWithTheVersionMessage) {
+  j480test::TempDir farm;
+  std::string cbm = farm.file("db/CBM");
+  j480test::make_dirs(cbm);
+  j480test::LogBytes log;
+  log.head(0x435257414C000001LL);  // format 2.5
+  j480test::write_file(cbm + "/LOG", log.bytes());
+  RunResult r = run({"--dbfarm", farm.path(), "--dbname", "db", "--dumplog"});
+  EXPECT_EQ(r.status, 255);
+  std::vector<std::string> lines = split_lines(r.err);
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(lines[lines.size() - 2],
+            "ERROR:LOGGER:Incompatible database version detected, database already converted.");
+  EXPECT_EQ(lines.back(), kTail);
+  EXPECT_EQ(r.err.find("not available"), std::string::npos);
+  EXPECT_EQ(r.err.find("Failed replaying 2.0 WAL"), std::string::npos);
+  EXPECT_FALSE(j480test::exists(cbm + "/_LOG_XML_20"));
 }
