@@ -211,6 +211,8 @@ TEST_F(CvLog, ConfigurationSourcesInTheirOrder) {
 }
 
 TEST_F(CvLog, FacilityItemsMixValuesAndCopyTheDefaultAsItStands) {
+  j480test::TempDir dir;  // CBM routes to the file sink: keep "corvane.log" out of the cwd
+  j480test::ScopedEnv in_dir("CVLOG_DIRECTORY", dir.path().c_str());
   use("CBM=red:debug:file\n"
       "default=stdout:debug\n"
       "facility PDT=blue\n"
