@@ -221,3 +221,30 @@ TEST(RunSequence, DumplogOfAnAlreadyConvertedLogStopsWithTheVersionMessage) {
   EXPECT_EQ(r.err.find("Failed replaying 2.0 WAL"), std::string::npos);
   EXPECT_FALSE(j480test::exists(cbm + "/_LOG_XML_20"));
 }
+
+TEST(RunSequence, AFailedOrKilledSystemCallAnywhereEndsCleanlyAndLeavesTheDatabaseAlone) {
+  j480test::TempDir farm;
+  std::string cbm = farm.file("db/CBM");
+  j480test::make_dirs(cbm);
+  j480test::LogBytes log;
+  log.head().i32(0).lng(7).i32(14).lng(42).i32(1).lng(7);
+  j480test::write_file(cbm + "/LOG", log.bytes());
+  j480test::write_file(cbm + "/location_map", "loc,/data\n");
+  const std::vector<std::string> args = {"--dumplog", "--dbfarm", farm.path(), "--dbname", "db"};
+  for (int k = 1; k <= 60; k++) {
+    for (const char* mode : {":5", ":28", ":kill"}) {  // EIO... as errno 5, ENOSPC, a kill
+      std::string fault = std::to_string(k) + mode;
+      SCOPED_TRACE(fault);
+      RunResult r = j480test::run_binary(kBin, args, {{"J480_FAULT_AT", fault}});
+      if (std::string(mode) == ":kill") {
+        EXPECT_TRUE(r.status == 137 || r.status == 255) << r.status << r.err;
+      } else {
+        EXPECT_EQ(r.status, 255) << r.err;
+        EXPECT_EQ(split_lines(r.err).back(), kTail);
+      }
+      EXPECT_EQ(j480test::read_file(cbm + "/LOG"), log.bytes());
+      EXPECT_EQ(j480test::read_file(cbm + "/location_map"), "loc,/data\n");
+      EXPECT_FALSE(j480test::exists(cbm + "/LOG.new"));
+    }
+  }
+}
