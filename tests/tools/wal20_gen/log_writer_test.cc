@@ -1,0 +1,324 @@
+// The 2.0 log writer against the real reader: exact bytes of the head, records read back in
+// both byte orders, every damage helper reported as a failure, and the location map.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/test_support.h"
+#include "tools/wal20_gen/bc20_log_writer.h"
+#include "tools/wal_converter/bc20_logger.h"
+#include "utils/mem.h"
+#include "utils/posix.h"
+#include "utils/stream.h"
+
+namespace {
+
+using j480test::TempDir;
+
+// Reads every transaction of `path`; calls `each` per list; returns the last result of the
+// reader and whether a failure (1 with no list) was seen.
+struct read_outcome {
+  int transactions = 0;
+  bool failed = false;
+  int64_t version = 0;
+};
+
+read_outcome read_log(const std::string& path,
+                      const std::function<void(bc20_action*)>& each = nullptr) {
+  read_outcome out;
+  stream* s = open_binary_read_stream(path.c_str());
+  EXPECT_NE(s, nullptr);
+  EXPECT_EQ(stream_error(s), STREAM_NOERR);
+  out.version = bc20_logger_read_version(s);
+  for (;;) {
+    MemContext* mem = mem_context_create(nullptr, "logger_replay_tc");
+    bc20_action* list = nullptr;
+    int rc = bc20_logger_read_transaction(mem, s, &list);
+    if (rc == 1 && list == nullptr) out.failed = true;
+    if (rc == 1 && list != nullptr) {
+      out.transactions++;
+      if (each) each(list);
+    }
+    mem_context_remove(mem);
+    if (rc == 0 || list == nullptr) break;
+  }
+  stream_close_destroy(s);
+  return out;
+}
+
+// Writes a log with `body` between the head and the close.
+void write_log(const std::string& path, const std::function<void(bc20_log_writer*)>& body,
+               int big_endian = 0, int64_t cut_at = -1) {
+  bc20_log_writer_options o;
+  o.big_endian = big_endian;
+  o.cut_at = cut_at;
+  o.buffer_size = 64;  // small: the buffer turns over many times
+  bc20_log_writer* w = bc20_log_writer_open(path.c_str(), &o);
+  ASSERT_NE(w, nullptr);
+  body(w);
+  ASSERT_EQ(bc20_log_writer_close(w), 0);
+}
+
+// One transaction holding one record of every kind.
+void every_record(bc20_log_writer* w) {
+  const int64_t cols[3] = {11, 12, 13};
+  const uint8_t data[6] = {1, 2, 3, 4, 5, 6};
+  const uint8_t over[4] = {9, 8, 7, 6};
+  const int64_t groups[3] = {100, 200, 300};
+  bc20_log_tr_new(w, 7);
+  bc20_log_cs_new(w, true, 0, "cs", 524288);
+  bc20_log_col_new(w, 5, 1);
+  bc20_log_blk_new_defaultfile(w, 5, 42, 1000, 10);
+  bc20_log_blk_del_defaultfile(w, 5, 42);
+  bc20_log_cat_column_new(w, 11, "sint", 3, "decimal", 9, 2, "pfor", "price", 0x80000001u);
+  bc20_log_cat_colgroup_new(w, true, 20, 5, 0, 1, 3, cols, -77);
+  bc20_log_cat_colgroup_new(w, false, 21, 0, 0, 0, 0, nullptr);
+  bc20_log_cat_table_new(w, 30, "orders", 21);
+  bc20_log_cat_index_new(w, 40, "orders_pk", 3, 30, 21, 0, 0);
+  bc20_log_minmax_size(w, 40, 4, 100, 64);
+  bc20_log_minmax_data(w, false, 40, 0, data, 6, 1, over, 2);
+  bc20_log_minmax_data(w, true, 40, 1, data, 6, 1, over, 4);
+  bc20_log_jis_size(w, 40, 3, 2, 1024);
+  bc20_log_jis_data(w, 40, 2, 3, groups);
+  bc20_log_pdt_new(w, 30, data, 6);
+  bc20_log_pdt_new_64(w, 30, data, 5);
+  bc20_log_cat_location_new(w, 2, "fast", 1);
+  bc20_log_cat_location_update(w, 2, 4);
+  bc20_log_file_new(w, 3, 2, "f3");
+  bc20_log_blk_new(w, 5, 3, 9, 77, 8);
+  bc20_log_blk_del(w, 5, 3, 9);
+  bc20_log_colgroup_file_new(w, 20, 3);
+  bc20_log_colgroup_file_del(w, 20, 3);
+  bc20_log_file_del(w, 3);
+  bc20_log_cat_location_del(w, 2);
+  bc20_log_cat_colgroup_del(w, 20);
+  bc20_log_cat_column_del(w, 11);
+  bc20_log_cat_index_del(w, 40);
+  bc20_log_cat_table_del(w, 30);
+  bc20_log_col_del(w, 5, 1);
+  bc20_log_tr_end(w, 7);
+}
+
+void check_every_record(bc20_action* a) {
+  std::vector<uint32_t> types;
+  for (bc20_action* p = a; p != nullptr; p = p->next) types.push_back(p->type);
+  const std::vector<uint32_t> want = {
+      bc20_tr_new,         bc20_cs_new_defaultfile, bc20_col_new,
+      bc20_blk_new,        bc20_blk_del,            bc20_cat_column_new,
+      bc20_cat_colgroup_new_defaultfile, bc20_cat_colgroup_new, bc20_cat_table_new,
+      bc20_cat_index_new,  bc20_minmax_size,        bc20_minmax_data,
+      bc20_minmax_vardata, bc20_jis_size,           bc20_jis_data,
+      bc20_pdt_new_64,     bc20_pdt_new_64,         bc20_cat_location_new,
+      bc20_cat_location_update, bc20_file_new,      bc20_blk_new,
+      bc20_blk_del,        bc20_colgroup_file_new,  bc20_colgroup_file_del,
+      bc20_file_del,       bc20_cat_location_del,   bc20_cat_colgroup_del,
+      bc20_cat_column_del, bc20_cat_index_del,      bc20_cat_table_del,
+      bc20_col_del,        bc20_tr_end};
+  ASSERT_EQ(types, want);
+  std::vector<bc20_action*> v;
+  for (bc20_action* p = a; p != nullptr; p = p->next) v.push_back(p);
+  EXPECT_EQ(v[0]->tr_new.trid, 7);
+  EXPECT_EQ(v[1]->cs_new.blksz, 524288);
+  EXPECT_EQ(v[3]->blk_new.block_nr, 42);
+  EXPECT_EQ(v[3]->blk_new.file_nr, -1);
+  EXPECT_EQ(v[3]->blk_new.num_tuples, 10);
+  EXPECT_STREQ(v[5]->cat_column_new.ltype, "decimal");
+  EXPECT_STREQ(v[5]->cat_column_new.col_name, "price");
+  EXPECT_EQ(v[5]->cat_column_new.flags, 0x80000001u);
+  EXPECT_EQ(v[5]->cat_column_new.scale, 2);
+  // col_ids are raw: the same bytes in either byte order of the file.
+  ASSERT_EQ(v[6]->cat_colgroup_new.ncols, 3);
+  EXPECT_EQ(v[6]->cat_colgroup_new.col_ids[2], 13);
+  EXPECT_EQ(v[6]->cat_colgroup_new.type, 1);
+  EXPECT_EQ(v[7]->cat_colgroup_new.ncols, 0);
+  EXPECT_EQ(v[9]->cat_index_new.type, 3);
+  EXPECT_EQ(v[11]->minmax_data.overflow_datasize, 2);
+  EXPECT_EQ(memcmp(v[11]->minmax_data.overflow_data, "\x09\x08\x07\x06", 4), 0);
+  EXPECT_EQ(v[12]->minmax_vardata.overflow_datasize, 4);
+  EXPECT_EQ(v[14]->jis_data.numgroups, 3);
+  EXPECT_EQ(static_cast<int64_t*>(v[14]->jis_data.groups)[1], 200);
+  EXPECT_EQ(v[15]->pdt_new_64.size, 6);
+  EXPECT_EQ(v[16]->pdt_new_64.size, 5);
+  EXPECT_STREQ(v[17]->cat_location_new.name, "fast");
+  EXPECT_EQ(v[18]->cat_location_update.usage, 4);
+  EXPECT_STREQ(v[19]->file_new.filename, "f3");
+  EXPECT_EQ(v[20]->blk_new.file_nr, 3);
+  EXPECT_EQ(v[23]->colgroup_file_del.file_nr, 3);
+}
+
+}  // namespace
+
+TEST(LogWriter, HeadIsTheMarkAndTheVersionWordInEitherByteOrder) {
+  TempDir dir;
+  write_log(dir.file("le"), [](bc20_log_writer*) {});
+  write_log(dir.file("be"), [](bc20_log_writer*) {}, 1);
+  EXPECT_EQ(j480test::read_file(dir.file("le")),
+            std::string("\xD2\x04\x00\x00\x00\x4C\x41\x57\x52\x43", 10));
+  EXPECT_EQ(j480test::read_file(dir.file("be")),
+            std::string("\x04\xD2\x43\x52\x57\x41\x4C\x00\x00\x00", 10));
+  read_outcome r = read_log(dir.file("be"));
+  EXPECT_EQ(r.version, BC20_LOG_VERSION_20);
+  EXPECT_EQ(r.transactions, 0);
+  EXPECT_FALSE(r.failed);
+}
+
+TEST(LogWriter, EveryRecordKindReadsBackInBothByteOrders) {
+  TempDir dir;
+  for (int be = 0; be < 2; be++) {
+    std::string path = dir.file("LOG" + std::to_string(be));
+    write_log(path, every_record, be);
+    read_outcome r = read_log(path, check_every_record);
+    EXPECT_EQ(r.transactions, 1);
+    EXPECT_FALSE(r.failed);
+  }
+  // Typed integers differ between the two files, the bulk bytes don't.
+  std::string le = j480test::read_file(dir.file("LOG0"));
+  std::string be = j480test::read_file(dir.file("LOG1"));
+  ASSERT_EQ(le.size(), be.size());
+  EXPECT_NE(le, be);
+  EXPECT_NE(be.find(std::string("\x01\x02\x03\x04\x05\x06", 6)), std::string::npos);
+}
+
+TEST(LogWriter, RecordsOutsideTransactionsAndCutsAtBoundariesReadAsTheReaderSays) {
+  TempDir dir;
+  // A cut exactly behind a transaction is a clean, shorter log.
+  write_log(dir.file("two"), [](bc20_log_writer* w) {
+    bc20_log_tr_new(w, 1);
+    bc20_log_cat_table_del(w, 5);
+    bc20_log_tr_end(w, 1);
+    bc20_log_tr_new(w, 2);
+    bc20_log_tr_end(w, 2);
+  });
+  int64_t first_tr_end = 10 + 12 + 12 + 12;
+  write_log(dir.file("cut"), [](bc20_log_writer* w) {
+    bc20_log_tr_new(w, 1);
+    bc20_log_cat_table_del(w, 5);
+    bc20_log_tr_end(w, 1);
+    bc20_log_tr_new(w, 2);
+    bc20_log_tr_end(w, 2);
+  }, 0, first_tr_end);
+  EXPECT_EQ(j480test::read_file(dir.file("cut")),
+            j480test::read_file(dir.file("two")).substr(0, first_tr_end));
+  read_outcome r = read_log(dir.file("cut"));
+  EXPECT_EQ(r.transactions, 1);
+  EXPECT_FALSE(r.failed);
+}
+
+// Each damage kind is reported by the reader as a failed transaction.
+TEST(LogWriterDamage, CutInsideARecordOrInsideATransactionFails) {
+  TempDir dir;
+  auto body = [](bc20_log_writer* w) {
+    bc20_log_tr_new(w, 1);
+    bc20_log_cat_table_new(w, 9, "orders", 3);
+    bc20_log_tr_end(w, 1);
+  };
+  write_log(dir.file("whole"), body);
+  int64_t size = static_cast<int64_t>(j480test::read_file(dir.file("whole")).size());
+  // A cut inside the first tag reads as an empty log; from the trid on it is a torn one.
+  for (int64_t cut = 14; cut < size; cut++) {
+    std::string path = dir.file("cut" + std::to_string(cut));
+    write_log(path, body, 0, cut);
+    EXPECT_EQ(static_cast<int64_t>(j480test::read_file(path).size()), cut);
+    read_outcome r = read_log(path);
+    EXPECT_TRUE(r.failed) << "cut at " << cut;
+    EXPECT_EQ(r.transactions, 0);
+  }
+}
+
+TEST(LogWriterDamage, UnknownTagFails) {
+  TempDir dir;
+  for (int32_t tag : {3, 6, 9, 10, 11, 12, 39, -1}) {
+    write_log(dir.file("LOG"), [tag](bc20_log_writer* w) {
+      bc20_log_tr_new(w, 1);
+      bc20_log_damage_tag(w, tag);
+    });
+    EXPECT_TRUE(read_log(dir.file("LOG")).failed) << tag;
+  }
+}
+
+TEST(LogWriterDamage, WrongTridAtTransactionEndFails) {
+  TempDir dir;
+  write_log(dir.file("LOG"), [](bc20_log_writer* w) {
+    bc20_log_tr_new(w, 4);
+    bc20_log_damage_tr_end_wrong_trid(w);
+    EXPECT_FALSE(bc20_log_writer_in_transaction(w));
+  });
+  EXPECT_TRUE(read_log(dir.file("LOG")).failed);
+}
+
+TEST(LogWriterDamage, TransactionStartInsideATransactionFails) {
+  TempDir dir;
+  write_log(dir.file("LOG"), [](bc20_log_writer* w) {
+    bc20_log_tr_new(w, 1);
+    bc20_log_damage_nested_tr_new(w, 2);
+    bc20_log_tr_end(w, 2);
+  });
+  read_outcome r = read_log(dir.file("LOG"));
+  EXPECT_TRUE(r.failed);
+  EXPECT_EQ(r.transactions, 0);
+}
+
+TEST(LogWriterDamage, OversizeLengthFieldsFailWithoutReadingPastTheFile) {
+  TempDir dir;
+  const bc20_tag tags[] = {bc20_cs_new,       bc20_cat_table_new, bc20_cat_column_new,
+                           bc20_cat_index_new, bc20_cat_location_new, bc20_file_new,
+                           bc20_cat_colgroup_new, bc20_minmax_data, bc20_minmax_vardata,
+                           bc20_jis_data,     bc20_pdt_new,       bc20_pdt_new_64};
+  for (bc20_tag tag : tags) {
+    bool wide = tag == bc20_minmax_data || tag == bc20_minmax_vardata ||
+                tag == bc20_jis_data || tag == bc20_pdt_new_64;
+    for (int64_t length : {int64_t{512}, int64_t{0x7FFFFFFF}, int64_t{1} << 62}) {
+      write_log(dir.file("LOG"), [&](bc20_log_writer* w) {
+        bc20_log_tr_new(w, 1);
+        bool written = bc20_log_damage_oversize(w, tag, length);
+        // A 64-bit length is refused for the 32-bit fields rather than cut to its low half.
+        ASSERT_EQ(written, wide || length < (int64_t{1} << 32));
+        if (!written) bc20_log_damage_oversize(w, tag, 0x7FFFFFFF);
+        // A valid record behind it: the length must not swallow it into a success.
+        bc20_log_tr_end(w, 1);
+      });
+      read_outcome r = read_log(dir.file("LOG"));
+      EXPECT_TRUE(r.failed) << "tag " << tag << " length " << length;
+      EXPECT_EQ(r.transactions, 0);
+    }
+  }
+  bc20_log_writer* w = bc20_log_writer_open(dir.file("x").c_str(), nullptr);
+  EXPECT_FALSE(bc20_log_damage_oversize(w, bc20_tr_new, 1));
+  EXPECT_EQ(bc20_log_writer_close(w), 0);
+}
+
+TEST(LogWriter, FailedWritesAreReportedAtClose) {
+  TempDir dir;
+  bc20_log_writer_options o;
+  o.buffer_size = 64;
+  bc20_log_writer* w = bc20_log_writer_open(dir.file("LOG").c_str(), &o);
+  ASSERT_NE(w, nullptr);
+  px_fault_arm(1, ENOSPC);
+  for (int i = 0; i < 20; i++) bc20_log_cat_table_del(w, i);
+  px_fault_disarm();
+  EXPECT_TRUE(bc20_log_writer_failed(w));
+  EXPECT_EQ(bc20_log_writer_close(w), -1);
+  EXPECT_EQ(bc20_log_writer_open("/nonexistent-dir/LOG", nullptr), nullptr);
+}
+
+TEST(LocationMap, WritesNameCommaPathLinesAndRefusesWhatCantBeReadBack) {
+  TempDir dir;
+  const bc20_location_map_entry good[] = {{"loc1", "/data/one"}, {"l o c", "/a b/c"}};
+  ASSERT_EQ(bc20_location_map_write(dir.file("map").c_str(), good, 2), 0);
+  EXPECT_EQ(j480test::read_file(dir.file("map")), "loc1,/data/one\nl o c,/a b/c\n");
+  ASSERT_EQ(bc20_location_map_write(dir.file("empty").c_str(), nullptr, 0), 0);
+  EXPECT_EQ(j480test::read_file(dir.file("empty")), "");
+
+  std::string long_path(1024, 'p');
+  const bc20_location_map_entry bad[][1] = {
+      {{"", "/x"}}, {{"n", ""}}, {{"a,b", "/x"}}, {{"n", "/x,y"}}, {{"n", "/x\ny"}},
+      {{"n", long_path}}};
+  for (const auto& entry : bad)
+    EXPECT_EQ(bc20_location_map_write(dir.file("bad").c_str(), entry, 1), -1);
+  const bc20_location_map_entry edge[] = {{"n", std::string_view(long_path).substr(1)}};
+  EXPECT_EQ(bc20_location_map_write(dir.file("edge").c_str(), edge, 1), 0);
+}
