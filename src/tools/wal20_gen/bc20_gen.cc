@@ -1,6 +1,7 @@
 #include "tools/wal20_gen/bc20_gen.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <string>
@@ -14,7 +15,7 @@ namespace {
 constexpr char MODULE[] = "WAL20_GEN";
 constexpr int32_t kBlksz = 512 * 1024;
 constexpr int32_t kScolType = 1;
-constexpr size_t kMaxRuns = 64;  // remembered runs of live blocks per storage column
+constexpr size_t kMaxRuns = 64;  // runs of live blocks remembered per storage column in bulk
 
 // Group types and index type codes of the 2.0 catalog.
 enum : int32_t { CG_LOGICAL = 0, CG_STORAGE = 1, CG_NULL = 2 };
@@ -63,6 +64,13 @@ const ltype_info kLtypes[] = {
 const char* const kCompressions[] = {"", "", "", "pfor", "pdict", "pfordelta", "lz"};
 const char* const kWords[] = {"orders", "lineitem", "customer", "part",   "supplier",
                               "nation", "region",   "events",   "clicks", "sessions"};
+
+// "<prefix><n><suffix>"
+std::string name_of(const char* prefix, int64_t n, const char* suffix) {
+  char buf[96];
+  snprintf(buf, sizeof buf, "%s%lld%s", prefix, static_cast<long long>(n), suffix);
+  return buf;
+}
 
 // splitmix64: small, fast and the same on every platform.
 struct rng {
@@ -164,6 +172,7 @@ struct gen {
   int64_t default_next_block = 0;
   int64_t tr_start = 0;
   int64_t tables_made = 0;
+  bool bulk_phase = false;
   std::vector<table_def> tables;
   std::vector<location_def> locs;
   std::vector<uint8_t> scratch, scratch2;
@@ -198,7 +207,7 @@ struct gen {
     int32_t n = static_cast<int32_t>(col_ids.size());
     if (multi) {
       st.file_nr = next_file++;
-      std::string fname = "f" + std::to_string(st.file_nr);
+      std::string fname = name_of("f", st.file_nr, "");
       bc20_log_file_new(w, st.file_nr, data_location(), fname);
       sum->files++;
       bc20_log_cat_colgroup_new(w, false, st.cg_id, st.scol, parent, CG_STORAGE, n,
@@ -226,7 +235,9 @@ struct gen {
       if (!st.runs.empty() && st.runs.back().start + st.runs.back().len == bn) {
         st.runs.back().len++;
       } else {
-        if (st.runs.size() == kMaxRuns) st.runs.pop_front();  // those stay live for good
+        // In the bulk phase the oldest runs are forgotten and stay live for good, so that
+        // memory doesn't grow with the log; before it every block stays known.
+        if (bulk_phase && st.runs.size() == kMaxRuns) st.runs.pop_front();
         st.runs.push_back({bn, 1});
       }
     }
@@ -280,7 +291,7 @@ struct gen {
     else
       ctype = static_cast<int32_t>(r.below(3));
     const char* comp = kCompressions[r.below(sizeof kCompressions / sizeof kCompressions[0])];
-    std::string name = "c" + std::to_string(c.id) + "_" + lt.ltype;
+    std::string name = name_of("c", c.id, "_") + lt.ltype;
     bc20_log_cat_column_new(w, c.id, kPtypes[c.pt].adt, ctype, lt.ltype, digits, scale, comp,
                             name, r.chance(25) ? 1u : 0u);
     cols.push_back(c);
@@ -362,8 +373,7 @@ struct gen {
     begin();
     table_def t;
     t.id = next_id++;
-    t.name = std::string("tbl") + std::to_string(t.id) + "_" +
-             kWords[r.below(sizeof kWords / sizeof kWords[0])];
+    t.name = name_of("tbl", t.id, "_") + kWords[r.below(sizeof kWords / sizeof kWords[0])];
     int32_t ncols = static_cast<int32_t>(r.range(1, 2 * o->columns - 1));
     int32_t ngroups = static_cast<int32_t>(r.range(1, ncols < 3 ? ncols : 3));
     new_storage_groups(t, ncols, ngroups, true);
@@ -424,9 +434,9 @@ struct gen {
       size_t first = static_cast<size_t>(r.below(static_cast<int64_t>(vals.size()) - n + 1));
       for (int64_t c = 0; c < n; c++) ix.col_ids.push_back(vals[first + static_cast<size_t>(c)]);
     }
-    static const char* const kSuffix[] = {"sk", "mm", "uk", "pk", "fk", "sk", "ji"};
+    static const char* const kSuffix[] = {"_sk", "_mm", "_uk", "_pk", "_fk", "_sk", "_ji"};
     ix.id = next_id++;
-    ix.name = t.name + "_" + kSuffix[code] + std::to_string(ix.id);
+    ix.name = t.name + name_of(kSuffix[code], ix.id, "");
     int64_t cg = index_colgroup(ix.col_ids);
     bc20_log_cat_index_new(w, ix.id, ix.name, code, t.id, cg, 0, ix.key_id);
     t.idx.push_back(std::move(ix));
@@ -460,8 +470,8 @@ struct gen {
       } else {
         std::vector<std::string> texts;
         for (int64_t g = 0; g < numgroups; g++) {
-          texts.push_back(r.chance(10) ? "" : "g" + std::to_string(g) + "_min");
-          texts.push_back("g" + std::to_string(g) + "_max" + std::string(r.below(8), 'z'));
+          texts.push_back(r.chance(10) ? std::string() : name_of("g", g, "_min"));
+          texts.push_back(name_of("g", g, "_max").append(static_cast<size_t>(r.below(8)), 'z'));
         }
         for (const std::string& s : texts) put_raw64(scratch, static_cast<int64_t>(s.size()));
         for (const std::string& s : texts) scratch.insert(scratch.end(), s.begin(), s.end());
@@ -532,7 +542,7 @@ struct gen {
       ix.col_pts.push_back(column_pt(t, id));
     }
     ix.id = next_id++;
-    ix.name = t.name + "_mm" + std::to_string(ix.id);
+    ix.name = t.name + name_of("_mm", ix.id, "");
     int64_t cg = index_colgroup(ix.col_ids);
     int64_t scg = 0;
     if (r.chance(50)) {
@@ -563,7 +573,7 @@ struct gen {
     ix.col_ids = t.idx[static_cast<size_t>(fk)].col_ids;
     for (int64_t id : ix.col_ids) ix.col_pts.push_back(column_pt(t, id));
     ix.id = next_id++;
-    ix.name = t.name + "_ji" + std::to_string(ix.id);
+    ix.name = t.name + name_of("_ji", ix.id, "");
     ix.key_id = t.idx[static_cast<size_t>(fk)].id;
     ix.ref_table = t.idx[static_cast<size_t>(fk)].ref_table;
     ix.ref_key_idx = fk;
@@ -691,7 +701,7 @@ struct gen {
   // ---- locations ----
   void new_location(bool spare) {
     location_def l{next_loc++, "", spare ? 2 : 1, spare};
-    l.name = (spare ? "spare" : "loc") + std::to_string(l.id);
+    l.name = name_of(spare ? "spare" : "loc", l.id, "");
     bc20_log_cat_location_new(w, l.id, l.name, l.usage);
     locs.push_back(l);
     sum->locations_created++;
@@ -852,6 +862,7 @@ struct gen {
   void bulk() {
     int64_t per_tr = o->blocks > 2048 ? o->blocks : 2048;
     int64_t round = 0;
+    bulk_phase = true;
     while (bc20_log_writer_offset(w) < o->target_size && !bc20_log_writer_failed(w)) {
       std::vector<storage*> all = live_storages();
       begin();

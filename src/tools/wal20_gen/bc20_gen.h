@@ -1,9 +1,9 @@
 // bc20_gen: synthesizes whole, valid format 2.0 database directories from a seed and a shape.
 //
 // bc20_gen_run writes `<out_dir>/CBM/LOG` and `<out_dir>/CBM/location_map` through the log
-// writer and fills a summary. The history is deterministic for equal options. Memory is bounded
-// by the shape (tables, columns, indexes), not by the log size: blocks are streamed, and per
-// storage column only a bounded list of runs of live blocks is remembered.
+// writer and fills a summary; the caller owns both. The history is deterministic for equal
+// options. Memory follows the shape options, not the target size: bulk blocks are streamed, and
+// per storage column only a bounded list of runs of live blocks is remembered.
 //
 // Invariants of every generated history:
 //  1. Framing: the log is one set-up transaction, then whole transactions; trids are 1, 2, 3...;
@@ -38,8 +38,9 @@
 //     cat_location_update only adds usage bits to a live location.
 //  8. Names: table names, index names and location names are unique over the history and never
 //     start with '_'; no file is named "0"; the location map holds one line per live location.
-//  9. With target_size, block transactions are added until the log reaches that size; the last
-//     one started below it.
+//  9. With target_size, block transactions (adds, and a few deletes of known blocks) follow the
+//     history until the log reaches that size; the last one started below it. No drop follows.
+// Locations have no directories on disk and data files are never written: only metadata.
 #ifndef J480_TOOLS_WAL20_GEN_BC20_GEN_H
 #define J480_TOOLS_WAL20_GEN_BC20_GEN_H
 

@@ -2,6 +2,8 @@
 // replay rules (checked by an independent model below), and its command line.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -581,6 +583,7 @@ const shape kShapes[] = {
     {"single-le", 1, 4, 6, 8, 60, 0, 0, 0},   {"single-be", 2, 5, 4, 4, 80, 0, 1, 1},
     {"multi-le", 3, 6, 5, 6, 120, 3, 0, 1},   {"multi-be", 4, 3, 8, 16, 60, 1, 1, 0},
     {"tiny", 5, 1, 1, 1, 3, 0, 0, 0},         {"many-tables", 6, 20, 3, 2, 200, 2, 0, 0},
+    {"long-history", 7, 6, 4, 12, 1500, 0, 0, 1},
 };
 
 bc20_gen_options options_of(const shape& s) {
@@ -638,6 +641,39 @@ TEST(GenInvariants, HistoriesObeyTheReplayRulesForManySeeds) {
       EXPECT_GE(g.sum.tables_live, 1);
     }
   }
+}
+
+TEST(GenInvariants, TheCheckerRejectsHistoriesThatBreakARule) {
+  TempDir dir;
+  generated g = generate(dir.path(), options_of(kShapes[2]));  // multi-location
+  ASSERT_EQ(history_checker(true).check(g.written), "");
+  auto first = [&](uint32_t tag) {
+    for (size_t i = 0; i < g.written.size(); i++)
+      if (g.written[i].type == tag) return i;
+    return g.written.size();
+  };
+  auto broken = [&](const std::function<void(std::vector<flat>&)>& edit) {
+    std::vector<flat> h = g.written;
+    edit(h);
+    return history_checker(true).check(h);
+  };
+  // A storage column used before it is announced.
+  EXPECT_NE(broken([&](auto& h) { h.erase(h.begin() + first(bc20_col_new)); }), "");
+  // A storage group left without a file.
+  EXPECT_NE(broken([&](auto& h) { h.erase(h.begin() + first(bc20_colgroup_file_new)); }), "");
+  // A block number given out twice.
+  EXPECT_NE(broken([&](auto& h) {
+    size_t i = first(bc20_blk_new);
+    h.insert(h.begin() + i, h[i]);
+  }), "");
+  // A trid out of sequence, and a table's root group from another transaction.
+  EXPECT_NE(broken([&](auto& h) { h[first(bc20_tr_end) + 1].nums[0] += 5; }), "");
+  EXPECT_NE(broken([&](auto& h) {
+    size_t i = first(bc20_cat_table_new);
+    h[i].nums[1] += 1000;
+  }), "");
+  // A column group id of 0.
+  EXPECT_NE(broken([&](auto& h) { h[first(bc20_cat_colgroup_new)].nums[0] = 0; }), "");
 }
 
 TEST(GenInvariants, ShapesCoverTheRecordKindsTheyPromise) {
