@@ -37,11 +37,11 @@ bool px_fault_hit_slow() {
 }
 
 void px_fault_arm_from_env() {
-  const char* spec = getenv("J480_FAULT_AT");
-  if (spec == nullptr || *spec == '\0') return;
+  const char* setting = getenv("J480_FAULT_AT");
+  if (setting == nullptr || *setting == '\0') return;
   char* end = nullptr;
-  long long k = strtoll(spec, &end, 10);
-  if (end == spec || k < 0) return;
+  long long k = strtoll(setting, &end, 10);
+  if (end == setting || k < 0) return;
   if (k == 0) {
     px_fault_count();
     return;
