@@ -1,0 +1,49 @@
+// fuzz_support: what the fuzz targets share.
+//
+// A per-process input file (a memory file reached by a path) for readers that open files by name,
+// a logger configuration that sends every level to /dev/null, and a pass-through of the system's
+// assertion that lets one target accept named assertion texts as a defined end of its input.
+// Owns the input file for the life of the process; owns nothing it returns.
+#ifndef J480_FUZZ_FUZZ_SUPPORT_H
+#define J480_FUZZ_FUZZ_SUPPORT_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace j480fuzz {
+
+// The bytes of the current input behind a fixed path of this process. `write` replaces the
+// content; `path` stays the same for every input.
+class InputFile {
+ public:
+  InputFile();
+  ~InputFile();
+  InputFile(const InputFile&) = delete;
+  InputFile& operator=(const InputFile&) = delete;
+
+  void write(const void* data, size_t size);
+  const char* path() const { return path_; }
+
+ private:
+  int fd_ = -1;
+  bool unlink_ = false;  // a plain file under /tmp where memory files aren't available
+  char path_[64] = {};
+};
+
+// Starts the logger again with every facility at TRACE into /dev/null only, so that each
+// message is formatted and written but nothing reaches the consoles or the working directory.
+// With J480_FUZZ_VERBOSE set in the environment the lines go to standard error instead.
+void quiet_logger();
+
+// Thrown in place of the abort of a failed assertion whose text was accepted.
+struct AcceptedAssertion {
+  const char* expr;
+};
+
+// Assertion texts (the stringified expressions) to throw AcceptedAssertion for, instead of
+// aborting; `exprs` must stay alive. Any other failed assertion aborts as usual.
+void accept_assertions(const char* const* exprs, int count);
+
+}  // namespace j480fuzz
+
+#endif  // J480_FUZZ_FUZZ_SUPPORT_H
