@@ -103,51 +103,31 @@ void every_record(bc20_log_writer* w) {
   bc20_log_tr_end(w, 7);
 }
 
+// Field values of every kind are compared with what was written by the generator's round trip;
+// here the kinds in order, and the fields whose bytes depend on the file's byte order.
 void check_every_record(bc20_action* a) {
-  std::vector<uint32_t> types;
-  for (bc20_action* p = a; p != nullptr; p = p->next) types.push_back(p->type);
-  const std::vector<uint32_t> want = {
-      bc20_tr_new,         bc20_cs_new_defaultfile, bc20_col_new,
-      bc20_blk_new,        bc20_blk_del,            bc20_cat_column_new,
-      bc20_cat_colgroup_new_defaultfile, bc20_cat_colgroup_new, bc20_cat_table_new,
-      bc20_cat_index_new,  bc20_minmax_size,        bc20_minmax_data,
-      bc20_minmax_vardata, bc20_jis_size,           bc20_jis_data,
-      bc20_pdt_new_64,     bc20_pdt_new_64,         bc20_cat_location_new,
-      bc20_cat_location_update, bc20_file_new,      bc20_blk_new,
-      bc20_blk_del,        bc20_colgroup_file_new,  bc20_colgroup_file_del,
-      bc20_file_del,       bc20_cat_location_del,   bc20_cat_colgroup_del,
-      bc20_cat_column_del, bc20_cat_index_del,      bc20_cat_table_del,
-      bc20_col_del,        bc20_tr_end};
-  ASSERT_EQ(types, want);
   std::vector<bc20_action*> v;
   for (bc20_action* p = a; p != nullptr; p = p->next) v.push_back(p);
+  std::vector<uint32_t> types;
+  for (bc20_action* p : v) types.push_back(p->type);
+  const std::vector<uint32_t> want = {
+      bc20_tr_new, bc20_cs_new_defaultfile, bc20_col_new, bc20_blk_new, bc20_blk_del,
+      bc20_cat_column_new, bc20_cat_colgroup_new_defaultfile, bc20_cat_colgroup_new,
+      bc20_cat_table_new, bc20_cat_index_new, bc20_minmax_size, bc20_minmax_data,
+      bc20_minmax_vardata, bc20_jis_size, bc20_jis_data, bc20_pdt_new_64, bc20_pdt_new_64,
+      bc20_cat_location_new, bc20_cat_location_update, bc20_file_new, bc20_blk_new, bc20_blk_del,
+      bc20_colgroup_file_new, bc20_colgroup_file_del, bc20_file_del, bc20_cat_location_del,
+      bc20_cat_colgroup_del, bc20_cat_column_del, bc20_cat_index_del, bc20_cat_table_del,
+      bc20_col_del, bc20_tr_end};
+  ASSERT_EQ(types, want);
   EXPECT_EQ(v[0]->tr_new.trid, 7);
-  EXPECT_EQ(v[1]->cs_new.blksz, 524288);
   EXPECT_EQ(v[3]->blk_new.block_nr, 42);
-  EXPECT_EQ(v[3]->blk_new.file_nr, -1);
-  EXPECT_EQ(v[3]->blk_new.num_tuples, 10);
-  EXPECT_STREQ(v[5]->cat_column_new.ltype, "decimal");
-  EXPECT_STREQ(v[5]->cat_column_new.col_name, "price");
   EXPECT_EQ(v[5]->cat_column_new.flags, 0x80000001u);
-  EXPECT_EQ(v[5]->cat_column_new.scale, 2);
-  // col_ids are raw: the same bytes in either byte order of the file.
   ASSERT_EQ(v[6]->cat_colgroup_new.ncols, 3);
-  EXPECT_EQ(v[6]->cat_colgroup_new.col_ids[2], 13);
-  EXPECT_EQ(v[6]->cat_colgroup_new.type, 1);
-  EXPECT_EQ(v[7]->cat_colgroup_new.ncols, 0);
-  EXPECT_EQ(v[9]->cat_index_new.type, 3);
-  EXPECT_EQ(v[11]->minmax_data.overflow_datasize, 2);
+  EXPECT_EQ(v[6]->cat_colgroup_new.col_ids[2], 13);  // raw: the same in either byte order
   EXPECT_EQ(memcmp(v[11]->minmax_data.overflow_data, "\x09\x08\x07\x06", 4), 0);
-  EXPECT_EQ(v[12]->minmax_vardata.overflow_datasize, 4);
-  EXPECT_EQ(v[14]->jis_data.numgroups, 3);
   EXPECT_EQ(static_cast<int64_t*>(v[14]->jis_data.groups)[1], 200);
   EXPECT_EQ(v[15]->pdt_new_64.size, 6);
-  EXPECT_EQ(v[16]->pdt_new_64.size, 5);
-  EXPECT_STREQ(v[17]->cat_location_new.name, "fast");
-  EXPECT_EQ(v[18]->cat_location_update.usage, 4);
-  EXPECT_STREQ(v[19]->file_new.filename, "f3");
-  EXPECT_EQ(v[20]->blk_new.file_nr, 3);
-  EXPECT_EQ(v[23]->colgroup_file_del.file_nr, 3);
 }
 
 }  // namespace
@@ -183,24 +163,18 @@ TEST(LogWriter, EveryRecordKindReadsBackInBothByteOrders) {
   EXPECT_NE(be.find(std::string("\x01\x02\x03\x04\x05\x06", 6)), std::string::npos);
 }
 
-TEST(LogWriter, RecordsOutsideTransactionsAndCutsAtBoundariesReadAsTheReaderSays) {
+TEST(LogWriter, ACutBehindATransactionIsAShorterCleanLog) {
   TempDir dir;
-  // A cut exactly behind a transaction is a clean, shorter log.
-  write_log(dir.file("two"), [](bc20_log_writer* w) {
+  auto body = [](bc20_log_writer* w) {
     bc20_log_tr_new(w, 1);
     bc20_log_cat_table_del(w, 5);
     bc20_log_tr_end(w, 1);
     bc20_log_tr_new(w, 2);
     bc20_log_tr_end(w, 2);
-  });
-  int64_t first_tr_end = 10 + 12 + 12 + 12;
-  write_log(dir.file("cut"), [](bc20_log_writer* w) {
-    bc20_log_tr_new(w, 1);
-    bc20_log_cat_table_del(w, 5);
-    bc20_log_tr_end(w, 1);
-    bc20_log_tr_new(w, 2);
-    bc20_log_tr_end(w, 2);
-  }, 0, first_tr_end);
+  };
+  const int64_t first_tr_end = 10 + 12 + 12 + 12;
+  write_log(dir.file("two"), body);
+  write_log(dir.file("cut"), body, 0, first_tr_end);
   EXPECT_EQ(j480test::read_file(dir.file("cut")),
             j480test::read_file(dir.file("two")).substr(0, first_tr_end));
   read_outcome r = read_log(dir.file("cut"));
@@ -229,37 +203,28 @@ TEST(LogWriterDamage, CutInsideARecordOrInsideATransactionFails) {
   }
 }
 
-TEST(LogWriterDamage, UnknownTagFails) {
+TEST(LogWriterDamage, UnknownTagWrongTridAndNestedTransactionFail) {
   TempDir dir;
-  for (int32_t tag : {3, 6, 9, 10, 11, 12, 39, -1}) {
-    write_log(dir.file("LOG"), [tag](bc20_log_writer* w) {
+  std::vector<std::function<void(bc20_log_writer*)>> bodies = {
+      [](bc20_log_writer* w) {
+        bc20_log_damage_tr_end_wrong_trid(w);
+        EXPECT_FALSE(bc20_log_writer_in_transaction(w));
+      },
+      [](bc20_log_writer* w) {
+        bc20_log_damage_nested_tr_new(w, 2);
+        bc20_log_tr_end(w, 2);
+      }};
+  for (int32_t tag : {3, 6, 9, 10, 11, 12, 39, -1})
+    bodies.push_back([tag](bc20_log_writer* w) { bc20_log_damage_tag(w, tag); });
+  for (size_t i = 0; i < bodies.size(); i++) {
+    write_log(dir.file("LOG"), [&](bc20_log_writer* w) {
       bc20_log_tr_new(w, 1);
-      bc20_log_damage_tag(w, tag);
+      bodies[i](w);
     });
-    EXPECT_TRUE(read_log(dir.file("LOG")).failed) << tag;
+    read_outcome r = read_log(dir.file("LOG"));
+    EXPECT_TRUE(r.failed) << i;
+    EXPECT_EQ(r.transactions, 0) << i;
   }
-}
-
-TEST(LogWriterDamage, WrongTridAtTransactionEndFails) {
-  TempDir dir;
-  write_log(dir.file("LOG"), [](bc20_log_writer* w) {
-    bc20_log_tr_new(w, 4);
-    bc20_log_damage_tr_end_wrong_trid(w);
-    EXPECT_FALSE(bc20_log_writer_in_transaction(w));
-  });
-  EXPECT_TRUE(read_log(dir.file("LOG")).failed);
-}
-
-TEST(LogWriterDamage, TransactionStartInsideATransactionFails) {
-  TempDir dir;
-  write_log(dir.file("LOG"), [](bc20_log_writer* w) {
-    bc20_log_tr_new(w, 1);
-    bc20_log_damage_nested_tr_new(w, 2);
-    bc20_log_tr_end(w, 2);
-  });
-  read_outcome r = read_log(dir.file("LOG"));
-  EXPECT_TRUE(r.failed);
-  EXPECT_EQ(r.transactions, 0);
 }
 
 TEST(LogWriterDamage, OversizeLengthFieldsFailWithoutReadingPastTheFile) {
