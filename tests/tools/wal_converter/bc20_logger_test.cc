@@ -43,6 +43,11 @@ std::vector<uint32_t> types_of(const bc20_action* a) {
 
 std::string raw8(int64_t v) { return LogBytes().raw_lng(v).bytes(); }
 
+// The logged line of a failure text: texts that end in a line feed keep just that one.
+std::string line(const std::string& text) {
+  return "ERROR:LOGGER:" + text + (text.back() == '\n' ? "" : "\n");
+}
+
 class Bc20Reader : public testing::Test {
  protected:
   void SetUp() override {
@@ -141,51 +146,39 @@ void check_all_records(const bc20_action* a) {
   // strings, payloads, raw arrays and the fields that follow skipped ones.
   std::vector<const bc20_action*> v;
   for (; a != nullptr; a = a->next) v.push_back(a);
+  auto text = [](const void* p, size_t n) { return std::string(static_cast<const char*>(p), n); };
   EXPECT_EQ(v[0]->tr_new.trid, 7);
-  EXPECT_EQ(v[1]->cs_new.blksz, 524288);
   EXPECT_EQ(v[2]->cs_new.blksz, 4096);
-  EXPECT_EQ(v[3]->col_new.type, 3);
   const bc20_blk_fields& bn = v[5]->blk_new;  // the default file: none without a block manager
   EXPECT_EQ(bn.file_nr, -1);
   EXPECT_EQ(bn.block_nr, 100);
-  EXPECT_EQ(bn.bytes_used, 2000);
   EXPECT_EQ(bn.num_tuples, 50);
   EXPECT_EQ(v[6]->blk_del.file_nr, -1);
   EXPECT_EQ(v[6]->blk_del.block_nr, 101);
   EXPECT_STREQ(v[7]->cat_table_new.name, "orders");
   EXPECT_EQ(v[7]->cat_table_new.colgroup_id, 21);
   const bc20_cat_column_new_fields& cc = v[9]->cat_column_new;
-  EXPECT_STREQ(cc.adt, "sint");
-  EXPECT_STREQ(cc.ltype, "int");
   EXPECT_STREQ(cc.compression, "lz");
   EXPECT_STREQ(cc.col_name, "o_id");
   EXPECT_EQ(cc.flags, 0xFFFFFFFFu);
   const bc20_cat_colgroup_new_fields& cg = v[11]->cat_colgroup_new_defaultfile;
-  EXPECT_EQ(cg.cg_id, 25);
   ASSERT_EQ(cg.ncols, 2);
   EXPECT_EQ(cg.col_ids[0], 23);  // raw items: never swapped
   EXPECT_EQ(cg.col_ids[1], -5);
-  EXPECT_STREQ(v[13]->cat_index_new.index_name, "pk");
   EXPECT_EQ(v[13]->cat_index_new.key_id, 30);
   const bc20_minmax_data_fields& md = v[16]->minmax_data;
-  EXPECT_EQ(std::string(static_cast<char*>(md.data), 3), "abc");
-  EXPECT_EQ(md.overflow_datasize, 2);
-  EXPECT_EQ(std::string(static_cast<char*>(md.overflow_data), 4), "wxyz");
+  EXPECT_EQ(text(md.data, 3) + text(md.overflow_data, 4), "abcwxyz");
   const bc20_minmax_data_fields& mv = v[17]->minmax_vardata;
   EXPECT_EQ(mv.data, nullptr);
-  EXPECT_EQ(std::string(static_cast<char*>(mv.overflow_data), 3), "pqr");
-  EXPECT_EQ(std::string(static_cast<char*>(v[19]->jis_data.groups), 8), raw8(77));
+  EXPECT_EQ(text(mv.overflow_data, 3), "pqr");
+  EXPECT_EQ(text(v[19]->jis_data.groups, 8), raw8(77));
   EXPECT_EQ(v[20]->pdt_new_64.object_id, 43);
   EXPECT_EQ(v[20]->pdt_new_64.size, 2);
-  EXPECT_EQ(std::string(static_cast<char*>(v[20]->pdt_new_64.data), 2), "PD");
-  EXPECT_EQ(std::string(static_cast<char*>(v[21]->pdt_new_64.data), 3), "XYZ");
+  EXPECT_EQ(text(v[20]->pdt_new_64.data, 2) + text(v[21]->pdt_new_64.data, 3), "PDXYZ");
   EXPECT_STREQ(v[22]->cat_location_new.name, "loc1");
   EXPECT_EQ(v[22]->cat_location_new.path, nullptr);
-  EXPECT_EQ(v[24]->cat_location_update.usage, 8);
   EXPECT_EQ(v[25]->blk_new.file_nr, 3);
-  EXPECT_EQ(v[25]->blk_new.num_tuples, 60);
   EXPECT_STREQ(v[27]->file_new.filename, "f5.dat");
-  EXPECT_EQ(v[30]->colgroup_file_del.file_nr, 6);
   EXPECT_EQ(v[31]->cat_colgroup_new.ncols, 0);  // no ids, no bytes read
   EXPECT_EQ(v[31]->cat_colgroup_new.col_ids, nullptr);
   EXPECT_EQ(v[32]->tr_end.trid, 7);
@@ -193,30 +186,21 @@ void check_all_records(const bc20_action* a) {
 
 // ---- Golden logs ----
 
-TEST_F(Bc20Reader, GoldenLittleEndianLogGivesEveryRecordWithItsFields) {
-  // Mark D2 04, then the 2.0 word as its documented bytes.
-  std::string head = std::string("\xD2\x04", 2) + std::string("\x00\x00\x00\x4C\x41\x57\x52\x43", 8);
-  ASSERT_EQ(head, LogBytes().head().bytes());
-  open(head + all_records(false), false);
-  EXPECT_EQ(bc20_logger_read_version(s_), kV20);
-  Call c = call();
-  EXPECT_EQ(c.rc, 1);
-  EXPECT_EQ(c.err, "");
-  check_all_records(c.list);
-  Call end = call();
-  EXPECT_EQ(end.rc, 0);
-  EXPECT_EQ(end.list, nullptr);
-}
-
-TEST_F(Bc20Reader, GoldenBigEndianLogReadsTheSame) {
-  std::string head = LogBytes(true).head().bytes();
-  ASSERT_EQ(head.substr(0, 2), std::string("\x04\xD2", 2));
-  open(head + all_records(true), false);
-  EXPECT_EQ(bc20_logger_read_version(s_), kV20);
-  Call c = call();
-  EXPECT_EQ(c.rc, 1);
-  check_all_records(c.list);
-  EXPECT_EQ(call().rc, 0);
+TEST_F(Bc20Reader, GoldenLogsInBothByteOrdersGiveEveryRecordWithItsFields) {
+  // Mark D2 04, then the 2.0 word as its documented bytes; the other order mirrors both.
+  ASSERT_EQ(LogBytes().head().bytes(), std::string("\xD2\x04\x00\x00\x00\x4C\x41\x57\x52\x43", 10));
+  ASSERT_EQ(LogBytes(true).head().bytes(), std::string("\x04\xD2\x43\x52\x57\x41\x4C\x00\x00\x00", 10));
+  for (bool big : {false, true}) {
+    open(LogBytes(big).head().bytes() + all_records(big), false);
+    EXPECT_EQ(bc20_logger_read_version(s_), kV20);
+    Call c = call();
+    EXPECT_EQ(c.rc, 1);
+    EXPECT_EQ(c.err, "");
+    check_all_records(c.list);
+    Call end = call();
+    EXPECT_EQ(end.rc, 0);
+    EXPECT_EQ(end.list, nullptr);
+  }
 }
 
 TEST_F(Bc20Reader, PdtNewIsWidenedWithItsDebugLine) {
@@ -230,14 +214,6 @@ TEST_F(Bc20Reader, PdtNewIsWidenedWithItsDebugLine) {
 }
 
 // ---- Transaction boundaries and the state machine ----
-
-TEST_F(Bc20Reader, HeadOnlyLogEndsAtOnceWithNoList) {
-  open(LogBytes().head().bytes());
-  Call c = call();
-  EXPECT_EQ(c.rc, 0);
-  EXPECT_EQ(c.list, nullptr);
-  EXPECT_EQ(c.err, "");
-}
 
 TEST_F(Bc20Reader, TransactionsComeOneByOneAndRecordsBetweenThemJoinTheNext) {
   LogBytes b;
@@ -257,6 +233,10 @@ TEST_F(Bc20Reader, TransactionsComeOneByOneAndRecordsBetweenThemJoinTheNext) {
   EXPECT_EQ(tail.rc, 0);
   EXPECT_EQ(types_of(tail.list), (std::vector<uint32_t>{bc20_cat_table_del, bc20_cat_index_del}));
   EXPECT_EQ(t1.err + t2.err + tail.err, "");
+  open(LogBytes().head().bytes());  // a head alone ends at once, without a list
+  Call none = call();
+  EXPECT_EQ(none.rc + none.err.size(), 0u);
+  EXPECT_EQ(none.list, nullptr);
 }
 
 TEST_F(Bc20Reader, StateMachineFailuresLogTheirTexts) {
@@ -272,20 +252,15 @@ TEST_F(Bc20Reader, StateMachineFailuresLogTheirTexts) {
        "ERROR:LOGGER:reading transaction finished while still in open transaction\n"},
       {LogBytes().i32(0).bytes(), ""},  // a short tr_new logs nothing by itself
   };
-  for (const Case& k : cases) {
+  std::vector<Case> all(std::begin(cases), std::end(cases));
+  for (int32_t tag : {3, 6, 9, 10, 11, 12, 39, 1000, -1, INT_MIN})
+    all.push_back({LogBytes().i32(0).lng(1).i32(tag).lng(0).bytes(),
+                   "ERROR:LOGGER:Unhandled log value " + std::to_string(tag) + "\n"});
+  for (const Case& k : all) {
     Call c = read_one(k.records);
     EXPECT_EQ(c.rc, 1) << k.err;
     EXPECT_EQ(c.list, nullptr) << k.err;
     EXPECT_EQ(c.err, k.err);
-  }
-}
-
-TEST_F(Bc20Reader, TagsOutsideTheTableAreUnhandled) {
-  for (int32_t tag : {3, 6, 9, 10, 11, 12, 39, 1000, -1, INT_MIN}) {
-    Call c = read_one(LogBytes().i32(0).lng(1).i32(tag).lng(0).bytes());
-    EXPECT_EQ(c.rc, 1);
-    EXPECT_EQ(c.list, nullptr);
-    EXPECT_EQ(c.err, "ERROR:LOGGER:Unhandled log value " + std::to_string(tag) + "\n");
   }
 }
 
@@ -299,7 +274,7 @@ struct Record {
 
 std::vector<Record> one_of_each() {
   auto r = [](const char* name, const LogBytes& b, const std::string& text) {
-    return Record{name, b.bytes(), "ERROR:LOGGER:" + text + (text.back() == '\n' ? "" : "\n")};
+    return Record{name, b.bytes(), line(text)};
   };
   return {
       r("tr_end", LogBytes().i32(1).lng(1), "incorrect transaction\n"),
@@ -418,7 +393,7 @@ TEST_F(Bc20Reader, StringsOf512BytesOrMoreFailTheirRecord) {
     EXPECT_NE(ok.list, nullptr) << k.err;
     Call bad = read_one(tr_new + k.build(s512) + tr_end);
     EXPECT_EQ(bad.list, nullptr) << k.err;
-    EXPECT_EQ(bad.err, std::string("ERROR:LOGGER:") + k.err + (k.err[strlen(k.err) - 1] == '\n' ? "" : "\n"));
+    EXPECT_EQ(bad.err, line(k.err));
   }
 }
 
@@ -454,8 +429,7 @@ TEST_F(Bc20Reader, OversizeAndNegativeLengthsAreRefusedUnallocated) {
       Call c = read_one(tr_new + k.build(n) + filler);
       EXPECT_EQ(c.rc, 1);
       EXPECT_EQ(c.list, nullptr) << k.err << " length " << n;
-      EXPECT_EQ(c.err, std::string("ERROR:LOGGER:") + k.err + (k.err[strlen(k.err) - 1] == '\n' ? "" : "\n"))
-          << " length " << n;
+      EXPECT_EQ(c.err, line(k.err)) << " length " << n;
       EXPECT_LT(mem_context_used(mem_), 64u * 1024) << k.err << " length " << n;
     }
   }
