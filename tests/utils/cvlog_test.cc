@@ -128,29 +128,22 @@ TEST_F(CvLog, TimestampShapes) {
 }
 
 TEST_F(CvLog, LevelNameAlwaysForErrorAndWarnOtherwiseOnlyWithShowlevel) {
+  auto every_level = [] {
+    for (int level = CV_LOG_ERROR; level <= CV_LOG_TRACE; level++) CV_LOG("M", level, "l%d", level);
+  };
   use("default=trace,stderr=showlevel");
-  EXPECT_EQ(err_of([] {
-              for (int level = CV_LOG_ERROR; level <= CV_LOG_TRACE; level++)
-                CV_LOG("M", level, "l%d", level);
-            }),
-            "ERROR:M:l0\n WARN:M:l1\n INFO:M:l2\nDEBUG:M:l3\nTRACE:M:l4\n");
+  EXPECT_EQ(err_of(every_level), "ERROR:M:l0\n WARN:M:l1\n INFO:M:l2\nDEBUG:M:l3\nTRACE:M:l4\n");
   use("default=trace,stderr=flush");
-  EXPECT_EQ(err_of([] {
-              for (int level = CV_LOG_ERROR; level <= CV_LOG_TRACE; level++)
-                CV_LOG("M", level, "l%d", level);
-            }),
-            "ERROR:M:l0\n WARN:M:l1\nM:l2\nM:l3\nM:l4\n");
+  EXPECT_EQ(err_of(every_level), "ERROR:M:l0\n WARN:M:l1\nM:l2\nM:l3\nM:l4\n");
 }
 
-TEST_F(CvLog, MessageIsCleanedIntoOneLine) {
+TEST_F(CvLog, MessageIsCleanedIntoOneLineOrEmptiedWhenItDoesNotFit) {
   EXPECT_EQ(err_of([] { CV_INFO("A", "one\ntwo\r\nthree\n"); }), "#A:one two  three\n");
   EXPECT_EQ(err_of([] { CV_INFO("A", "a\n\nb"); }), "#A:a  b\n");
   EXPECT_EQ(err_of([] { CV_INFO("A", "%s", ""); }), "#A:");
   use("default=stdout");
   EXPECT_EQ(out_of([] { CV_INFO("A", "%s", ""); }), "#A:\x1b[m");
-}
-
-TEST_F(CvLog, MessageThatDoesNotFitGoesOutEmpty) {
+  use(nullptr);  // a message that does not fit goes out empty
   std::string fits(CV_LOG_BUFFER_SIZE - 1, 'x');
   std::string too_long(CV_LOG_BUFFER_SIZE, 'x');
   EXPECT_EQ(err_of([&] { CV_ERROR("A", "%s", fits.c_str()); }), "ERROR:A:" + fits + "\n");
@@ -239,18 +232,23 @@ TEST_F(CvLog, FacilityItemsMixValuesAndCopyTheDefaultAsItStands) {
   use("default=black");
   EXPECT_EQ(cv_log_facility_at(0)->color, 0);
   EXPECT_EQ(cv_log_facility_at(0)->level, CV_LOG_INFO);
+  std::string config;  // the 128th facility is a parse error
+  for (int i = 0; i < 128; i++) config += "F" + std::to_string(i) + "=debug\n";
+  use(config.c_str());
+  EXPECT_EQ(out_of([] { cv_log_facility_count(); }),
+            "error parsing configuration logger at line 128\n");
+  EXPECT_EQ(cv_log_facility_count(), CV_LOG_MAX_FACILITIES);
+  EXPECT_EQ(level_of("F126"), CV_LOG_DEBUG);
+  EXPECT_EQ(level_of("F127"), CV_LOG_INFO);
 }
 
-TEST_F(CvLog, LongNamesAreCutAndNeverMatchTheirFullForm) {
+TEST_F(CvLog, LongNamesAreCutAndSinkItemsReplaceTheWholeFlagSet) {
   use("UPDATE_PROPAGATION=debug");
   EXPECT_STREQ(cv_log_facility_at(1)->name, "UPDATE_PROPAGAT");
   EXPECT_EQ(level_of("UPDATE_PROPAGATION"), CV_LOG_INFO);
   EXPECT_EQ(level_of("UPDATE_PROPAGAT"), CV_LOG_DEBUG);
   EXPECT_EQ(err_of([] { CV_INFO("UPDATE_PROPAGATION", "x"); }), "#UPDATE_PROPAGATION:x\n");
-}
-
-TEST_F(CvLog, SinkItemReplacesTheWholeFlagSet) {
-  use("stdout=pid\nfile=tid:flush");
+  use("stdout=pid\nfile=tid:flush");  // a sink item replaces the whole flag set
   const cv_log_sink* out = cv_log_sink_at(CV_SINK_INDEX_STDOUT);
   EXPECT_EQ(out->pid, 1);
   EXPECT_EQ(out->color, 0);
@@ -296,17 +294,6 @@ TEST_F(CvLog, ParseErrorReportsItsLineAndKeepsWhatWasParsed) {
   out_of([] { cv_log_facility_count(); });
   EXPECT_EQ(cv_log_sink_at(CV_SINK_INDEX_STDOUT)->pid, 1);  // applied up to the bad word
   EXPECT_EQ(cv_log_sink_at(CV_SINK_INDEX_STDOUT)->color, 0);
-}
-
-TEST_F(CvLog, TheHundredTwentyEighthFacilityIsAParseError) {
-  std::string config;
-  for (int i = 0; i < 128; i++) config += "F" + std::to_string(i) + "=debug\n";
-  use(config.c_str());
-  EXPECT_EQ(out_of([] { cv_log_facility_count(); }),
-            "error parsing configuration logger at line 128\n");
-  EXPECT_EQ(cv_log_facility_count(), CV_LOG_MAX_FACILITIES);
-  EXPECT_EQ(level_of("F126"), CV_LOG_DEBUG);
-  EXPECT_EQ(level_of("F127"), CV_LOG_INFO);
 }
 
 TEST_F(CvLog, DefaultFileNameInTheLogDirectoryOrTheWorkingDirectory) {
