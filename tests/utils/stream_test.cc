@@ -132,7 +132,7 @@ TEST(Stream, ForeignMarkSwapsTypedReadsButNotBulkReads) {
   }
 }
 
-TEST(Stream, AppendWritesTheMarkOnlyIntoAnEmptyFile) {
+TEST(Stream, AppendMarksOnlyAnEmptyFileAndUpdateOnlyAnExistingOne) {
   TempDir dir;
   std::string fresh = dir.file("fresh"), empty = dir.file("empty"), full = dir.file("full");
   write_file(empty, "");
@@ -151,10 +151,8 @@ TEST(Stream, AppendWritesTheMarkOnlyIntoAnEmptyFile) {
   EXPECT_EQ(stream_write(t, "line\n", 1, 5), 5);
   stream_close_destroy(t);
   EXPECT_EQ(read_file(empty), kMarkBytes + "+line\n");
-}
 
-TEST(Stream, UpdateStreamMarksTheHeadOfAnExistingFileOnly) {
-  TempDir dir;
+  // An update stream marks the head of an existing file only.
   std::string path = dir.file("u");
   write_file(path, "ABCDEFGH");
   stream* s = open_binary_update_stream(path.c_str());
