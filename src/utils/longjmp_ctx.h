@@ -41,7 +41,8 @@ void longjmp_ctx_pop(longjmp_env* env);
 [[noreturn]] void longjmp_ctx_jump(longjmp_env* env, int code);
 
 // The whole protocol around `work`: push, work, pop; on a jump back: pop, and the jump's code.
-// Returns 0 when the work ran to its end.
+// Returns 0 when the work ran to its end. A jump to an older frame of another environment pops this frame's entry on its way
+// through, so that no entry outlives its frame.
 template <typename Work>
 int longjmp_ctx_run(longjmp_env* env, Work&& work) {
   char frame;  // its address names this frame
@@ -49,8 +50,8 @@ int longjmp_ctx_run(longjmp_env* env, Work&& work) {
   try {
     std::forward<Work>(work)();
   } catch (const longjmp_unwind& jump) {
-    if (jump.buf != &frame) throw;
     longjmp_ctx_pop(env);
+    if (jump.buf != &frame) throw;
     return jump.code;
   }
   longjmp_ctx_pop(env);

@@ -72,6 +72,17 @@ TEST(LongjmpCtx, OutOfMemoryInsideAFrameUnwindsToItWithCodeTwo) {
   EXPECT_NE(mem_mallocex(work, 64, 0), nullptr);
 }
 
+// A jump through another environment passes a frame: that frame leaves no entry behind.
+TEST(LongjmpCtx, FramePassedByAnOuterJumpPopsItsEntry) {
+  Env outer, inner;
+  int code = longjmp_ctx_run(&outer.env, [&] {
+    longjmp_ctx_run(&inner.env, [&] { longjmp_ctx_jump(&outer.env, 2); });
+  });
+  EXPECT_EQ(code, 2);
+  EXPECT_EQ(inner.env.top, nullptr);
+  EXPECT_EQ(outer.env.top, nullptr);
+}
+
 TEST(LongjmpCtxDeathTest, SecondJumpThroughAnUnpoppedEntryAndJumpWithoutFrameAssert) {
   EXPECT_DEATH(
       {
