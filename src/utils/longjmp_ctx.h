@@ -40,8 +40,9 @@ longjmp_ctx* longjmp_ctx_push(longjmp_env* env, void* buf);
 void longjmp_ctx_pop(longjmp_env* env);
 [[noreturn]] void longjmp_ctx_jump(longjmp_env* env, int code);
 
-// The whole protocol around `work`: push, work, pop; on a jump back: pop, and the jump's code.
-// Returns 0 when the work ran to its end. A jump to an older frame of another environment pops this frame's entry on its way
+// The whole protocol around `work`: push, work, pop; on a jump back: pop, and the jump's code
+// (1 for a jump with code 0, as a restored frame never reads 0). Returns 0 when the work ran to
+// its end. A jump to an older frame of another environment pops this frame's entry on its way
 // through, so that no entry outlives its frame.
 template <typename Work>
 int longjmp_ctx_run(longjmp_env* env, Work&& work) {
@@ -52,7 +53,7 @@ int longjmp_ctx_run(longjmp_env* env, Work&& work) {
   } catch (const longjmp_unwind& jump) {
     longjmp_ctx_pop(env);
     if (jump.buf != &frame) throw;
-    return jump.code;
+    return jump.code != 0 ? jump.code : 1;
   }
   longjmp_ctx_pop(env);
   return 0;

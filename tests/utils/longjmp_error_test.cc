@@ -72,8 +72,9 @@ TEST(LongjmpCtx, OutOfMemoryInsideAFrameUnwindsToItWithCodeTwo) {
   EXPECT_NE(mem_mallocex(work, 64, 0), nullptr);
 }
 
-// A jump through another environment passes a frame: that frame leaves no entry behind.
-TEST(LongjmpCtx, FramePassedByAnOuterJumpPopsItsEntry) {
+// A jump through another environment passes a frame: that frame leaves no entry behind, and a
+// jump with code 0 still takes the failure path (a frame reads 0 as "no jump").
+TEST(LongjmpCtx, FramePassedByAnOuterJumpPopsItsEntryAndCodeZeroReadsAsOne) {
   Env outer, inner;
   int code = longjmp_ctx_run(&outer.env, [&] {
     longjmp_ctx_run(&inner.env, [&] { longjmp_ctx_jump(&outer.env, 2); });
@@ -81,6 +82,7 @@ TEST(LongjmpCtx, FramePassedByAnOuterJumpPopsItsEntry) {
   EXPECT_EQ(code, 2);
   EXPECT_EQ(inner.env.top, nullptr);
   EXPECT_EQ(outer.env.top, nullptr);
+  EXPECT_EQ(longjmp_ctx_run(&inner.env, [&] { longjmp_ctx_jump(&inner.env, 0); }), 1);
 }
 
 TEST(LongjmpCtxDeathTest, SecondJumpThroughAnUnpoppedEntryAndJumpWithoutFrameAssert) {
