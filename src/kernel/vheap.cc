@@ -32,13 +32,13 @@ vheap* init_heap(vheap* h, MemContext* mem, const char* name, int64_t initial, i
   return h;
 }
 
-// Doubles the three arrays, with zeroed tails.
+// Doubles the three arrays, with zeroed tails. When one of a managed heap's arrays can't grow,
+// the slot count stays as it was: the arrays that did grow are merely larger than it says.
 int extend_slots(vheap* h) {
   int64_t old_n = h->n_slots;
   int64_t n = old_n * 2;
   uint64_t old_bytes = static_cast<uint64_t>(old_n) * 8, bytes = static_cast<uint64_t>(n) * 8;
   if (h->mem != nullptr) {
-    h->n_slots = n;
     void* b = mem_reallocex(h->mem, h->buffers, bytes, J480_MEM_ALLOWFAILURE);
     if (b) h->buffers = static_cast<char**>(b);
     void* s = b ? mem_reallocex(h->mem, h->buffers_sizes, bytes, J480_MEM_ALLOWFAILURE) : nullptr;
@@ -49,6 +49,7 @@ int extend_slots(vheap* h) {
       CV_DEBUG(nullptr, "vheap extend mem failed.");
       return -1;
     }
+    h->n_slots = n;
     return 0;
   }
   void* b = calloc(1, bytes);

@@ -3,10 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "utils/mem.h"
+#include "utils/posix.h"
 
 namespace {
 struct Managed {
@@ -60,4 +63,27 @@ TEST(Vheap, ZeroSizedRequestsAndTheNinthBuffer) {
   EXPECT_EQ(h->current, 8);
   vheap_destroy(h);
   vheap_destroy(nullptr);
+}
+
+// The slot arrays grow one after the other; when a later one can't, the heap keeps the old slot
+// count, so no slot beyond an array that didn't grow is ever used.
+TEST(Vheap, FailedSlotExtensionKeepsTheSlotCount) {
+  Managed m;
+  m.mem->chunksize = 1 << 20;  // areas are maps, which the seam can fail
+  vheap* h = vheap_create(m.mem, "ext", 16, 16);
+  for (int i = 0; i < 8; i++) ASSERT_NE(vheap_alloc(h, 16), nullptr);
+  mem_area* area = m.mem->areas;
+  ASSERT_EQ(area->next, nullptr);
+  // Room for the grown `buffers` array (128 bytes and a header), none for the next one.
+  ASSERT_NE(mem_mallocex(m.mem, area->size - area->used - 160 - 32, 0), nullptr);
+  px_fault_arm(1, ENOMEM, PX_FAULT_FAIL, true);
+  EXPECT_EQ(vheap_alloc(h, 16), nullptr);
+  px_fault_disarm();
+  EXPECT_EQ(h->n_slots, 8);
+  ASSERT_NE(vheap_alloc(h, 16), nullptr);
+  EXPECT_EQ(h->n_slots, 16);
+  EXPECT_EQ(h->current, 8);
+  std::string why;
+  EXPECT_TRUE(mem_context_check(m.mem, &why)) << why;
+  vheap_destroy(h);
 }
