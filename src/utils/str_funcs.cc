@@ -37,14 +37,15 @@ int str_printf(char* buffer, size_t size, const char* format, ...) {
 
 sb* sb_create(int64_t capacity) {
   if (capacity <= 0) capacity = 64;
-  sb* b = static_cast<sb*>(malloc(sizeof(sb)));
-  J480_ASSERT(nullptr, b);
-  b->data = static_cast<char*>(malloc(static_cast<size_t>(capacity)));
-  J480_ASSERT(nullptr, b->data);
-  b->data[0] = '\0';
-  b->length = 0;
-  b->capacity = capacity;
-  return b;
+  // The variable carries the type's name: the assertion texts are "sb" and "sb->data".
+  struct sb* sb = static_cast<struct sb*>(malloc(sizeof(struct sb)));
+  J480_ASSERT(nullptr, sb);
+  sb->data = static_cast<char*>(malloc(static_cast<size_t>(capacity)));
+  J480_ASSERT(nullptr, sb->data);
+  sb->data[0] = '\0';
+  sb->length = 0;
+  sb->capacity = capacity;
+  return sb;
 }
 
 void sb_reset(sb* b) {
