@@ -21,7 +21,7 @@ TEST(KernelInit, RegistersTheTablesReadsTheFlagsOnceAndExitFreesTheRegistry) {
   EXPECT_EQ(ptype_count(), 14);
   EXPECT_EQ(systable_count(), 4);
   EXPECT_EQ(prim_count(), 101);
-  EXPECT_EQ(charmap_to_upper['a'], 'A');
+  EXPECT_EQ(charmap_to_upper[static_cast<unsigned char>('a')], 'A');
   EXPECT_EQ(charmap_to_lower[0xC9], 0xE9);
   EXPECT_EQ(charmap_to_upper[0xF7], 0xF7);  // the division sign has no case
 
