@@ -8,6 +8,12 @@
 #include "utils/cvlog.h"
 #include "utils/mem.h"
 
+// The heap's invariants, with their texts written on the heap as `this`.
+#define VHEAP_ASSERT(expr, text)                                                   \
+  do {                                                                             \
+    if (__builtin_expect(!(expr), 0)) cv_assert_fail(__FILE__, __LINE__, nullptr, text); \
+  } while (0)
+
 namespace {
 
 constexpr int64_t kInitialSlots = 8;
@@ -28,7 +34,8 @@ vheap* init_heap(vheap* h, MemContext* mem, const char* name, int64_t initial, i
   h->initial_buffer_size = initial;
   h->max_buffer_size = max;
   h->flag = 1;
-  J480_ASSERT(nullptr, h->buffers_sizes[0] == 0 && h->used[0] == 0 && h->buffers[0] == NULL);
+  VHEAP_ASSERT(h->buffers_sizes[0] == 0 && h->used[0] == 0 && h->buffers[0] == NULL,
+               "this->buffers_sizes[0] == 0 && this->used[0] == 0 && this->buffers[0] == NULL");
   return h;
 }
 
@@ -164,7 +171,8 @@ int vheap_buffer_alloc(vheap* h, int64_t size) {
   h->used[next] = 0;
   if (next > h->last_allocated) h->last_allocated = next;
   h->current = next;
-  J480_ASSERT(nullptr, h->last_allocated >= h->current);
-  J480_ASSERT(nullptr, h->used[h->current] == 0 && h->buffers_sizes[h->current] >= size);
+  VHEAP_ASSERT(h->last_allocated >= h->current, "this->last_allocated >= this->current");
+  VHEAP_ASSERT(h->used[h->current] == 0 && h->buffers_sizes[h->current] >= size,
+               "this->used[this->current] == 0 && this->buffers_sizes[this->current] >= size");
   return 0;
 }
