@@ -40,6 +40,7 @@ void error_set_param(j480_error* error, MemContext* mem, int32_t num, const char
   J480_ASSERT(ERROR_MODULE, error);
   J480_ASSERT(ERROR_MODULE, mem);
   J480_ASSERT(ERROR_MODULE, num < error->num_err_params);
+  J480_ASSERT(ERROR_MODULE, num >= 0);  // no slot before the first
   error->err_params[num] = value ? mem_strdup_flags(mem, value, J480_MEM_ALLOWFAILURE) : nullptr;
 }
 

@@ -171,3 +171,11 @@ TEST(J480Error, DoublePercentGivesOnePercentAndAddErrorAppendsAfterDroppingOk) {
   add_error(nullptr, "TEST", 1, 0, nullptr);
   mem_context_remove(mem);
 }
+
+TEST(J480ErrorDeathTest, ParameterOutsideTheRecordAsserts) {
+  MemContext* mem = mem_context_create(nullptr, "error_test");
+  j480_error* e = error_create(mem, 12, 1);
+  EXPECT_DEATH(error_set_param(e, mem, 1, "x"), "assertion \"num < error->num_err_params\" failed");
+  EXPECT_DEATH(error_set_param(e, mem, -1, "x"), "assertion \"num >= 0\" failed");
+  mem_context_remove(mem);
+}
