@@ -46,11 +46,20 @@ void print_usage(const char* name) {
 // Writes the log as XML beside it: the old format before the conversion, the new one after.
 // 0, or -1 where the dump refuses the log.
 int dump_log_xml(iobm* /*storage*/, int old_format) {
-  char path[512];
+  char local[512];
   const char* cbm = bc20_iobm_cbm_path();
   if (cbm == nullptr) return -1;
-  str_printf(path, sizeof path, "%s%c%s", cbm, J480_PATH_SEP, "LOG");
+  // A cut name would open some other file: a path longer than the local buffer (legal here)
+  // gets a heap buffer of its own size.
+  char* path = local;
+  if (str_printf(local, sizeof local, "%s%c%s", cbm, J480_PATH_SEP, "LOG") < 0) {
+    size_t size = strlen(cbm) + 5;
+    path = static_cast<char*>(malloc(size));
+    if (path == nullptr) return 0;  // as when no stream can be made
+    str_printf(path, size, "%s%c%s", cbm, J480_PATH_SEP, "LOG");
+  }
   stream* s = open_binary_read_stream(path);
+  if (path != local) free(path);
   if (s == nullptr) return 0;
   // The new format's dump joins with the 2.5 logger; only the old log can be dumped here.
   int result = old_format ? bc20_bm_logger_print(s, 1) : 0;

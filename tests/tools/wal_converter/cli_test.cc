@@ -183,24 +183,30 @@ TEST(CommandLine, RandomArgumentListsNeverCrashAndEndWithAKnownOutcome) {
 }
 
 TEST(RunSequence, DumplogWritesTheOldLogAsXmlBeforeStopping) {
-  j480test::TempDir farm;
-  std::string cbm = farm.file("db/CBM");
-  j480test::make_dirs(cbm);
-  j480test::LogBytes log;
-  log.head().i32(0).lng(7).i32(14).lng(42).i32(1).lng(7);  // tr_new 7, cat_table_del 42, tr_end 7
-  j480test::write_file(cbm + "/LOG", log.bytes());
-  RunResult r = run({"--dumplog", "--dbfarm", farm.path(), "--dbname", "db"});
-  EXPECT_EQ(r.status, 255);
-  const std::string xml =
-      "<wal base_version=\"4851035686591004672\" cur_version=\"0\">\n"
-      "<tr trid=\"7\">\n"
-      "<cat_table_del table_id=\"42\"/>\n"
-      "</tr trid=\"7\">\n"
-      "</wal>\n";
-  EXPECT_EQ(j480test::read_file(cbm + "/_LOG_XML_20"), xml);
-  EXPECT_NE(r.err.find("#LOGGER:<cat_table_del table_id=\"42\"/>\n"), std::string::npos) << r.err;
-  EXPECT_NE(r.err.find("not available in this build"), std::string::npos);
-  EXPECT_EQ(j480test::read_file(cbm + "/LOG"), log.bytes());
+  j480test::TempDir tmp;
+  // A farm path of more than 512 bytes is legal here and must not be cut.
+  for (const std::string& farm : {tmp.path(), tmp.file(std::string(250, 'a') + "/" +
+                                                       std::string(250, 'b') + "/c")}) {
+    SCOPED_TRACE(farm.size());
+    std::string cbm = farm + "/db/CBM";
+    j480test::make_dirs(cbm);
+    j480test::LogBytes log;
+    log.head().i32(0).lng(7).i32(14).lng(42).i32(1).lng(7);  // tr_new 7, cat_table_del 42, tr_end 7
+    j480test::write_file(cbm + "/LOG", log.bytes());
+    RunResult r = run({"--dumplog", "--dbfarm", farm, "--dbname", "db"});
+    EXPECT_EQ(r.status, 255);
+    const std::string xml =
+        "<wal base_version=\"4851035686591004672\" cur_version=\"0\">\n"
+        "<tr trid=\"7\">\n"
+        "<cat_table_del table_id=\"42\"/>\n"
+        "</tr trid=\"7\">\n"
+        "</wal>\n";
+    EXPECT_EQ(j480test::read_file(cbm + "/_LOG_XML_20"), xml);
+    EXPECT_NE(r.err.find("#LOGGER:<cat_table_del table_id=\"42\"/>\n"), std::string::npos)
+        << r.err;
+    EXPECT_NE(r.err.find("not available in this build"), std::string::npos);
+    EXPECT_EQ(j480test::read_file(cbm + "/LOG"), log.bytes());
+  }
 }
 
 TEST(RunSequence, DumplogOfAnAlreadyConvertedLogStopsWithTheVersionMessage) {
