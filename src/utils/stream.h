@@ -94,7 +94,10 @@ namespace stream_detail {
 inline int64_t file_read(stream* s, void* buffer, size_t item_size, size_t count) {
   if (item_size == 0 || count == 0) return static_cast<int64_t>(count);
   FILE* f = s->handle;
-  if (__builtin_expect(f == nullptr, 0)) {
+  size_t bytes;
+  // A byte count that wraps would make the runtime read a few bytes and report every item read.
+  if (__builtin_expect(f == nullptr || __builtin_mul_overflow(item_size, count, &bytes) ||
+                           bytes > static_cast<size_t>(INT64_MAX), 0)) {
     s->errnr = STREAM_READ_ERROR;
     return 0;
   }
@@ -108,7 +111,10 @@ inline int64_t file_read(stream* s, void* buffer, size_t item_size, size_t count
 inline int64_t file_write(stream* s, const void* buffer, size_t item_size, size_t count) {
   if (item_size == 0 || count == 0) return static_cast<int64_t>(count);
   FILE* f = s->handle;
-  size_t n = f ? px_fwrite(buffer, item_size, count, f) : 0;
+  size_t bytes;
+  bool fits = !__builtin_mul_overflow(item_size, count, &bytes) &&
+              bytes <= static_cast<size_t>(INT64_MAX);
+  size_t n = f && fits ? px_fwrite(buffer, item_size, count, f) : 0;
   if (__builtin_expect(n < count, 0)) s->errnr = STREAM_WRITE_ERROR;
   return static_cast<int64_t>(n);
 }

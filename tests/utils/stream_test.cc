@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -196,6 +197,23 @@ TEST(Stream, PositionsBeyondFourGigabytes) {
   int64_t v = -1;
   EXPECT_EQ(stream_read_lng(r, &v), 1);
   EXPECT_EQ(v, 0);
+  stream_close_destroy(r);
+}
+
+TEST(Stream, ItemCountsWhoseByteSizeWrapsAreErrorsNotFullCounts) {
+  TempDir dir;
+  std::string path = dir.file("o");
+  const size_t wraps = SIZE_MAX / 8 + 2;  // 8 * wraps is 8 modulo 2^64
+  char buf[16] = "0123456789abcde";
+  stream* w = open_binary_write_stream(path.c_str(), "wb");
+  EXPECT_EQ(stream_write(w, buf, 8, wraps), 0);
+  EXPECT_EQ(stream_error(w), 3);
+  stream_close_destroy(w);
+  EXPECT_EQ(read_file(path), kMarkBytes);
+  write_file(path, kMarkBytes + "0123456789abcdef");
+  stream* r = open_binary_read_stream(path.c_str());
+  EXPECT_EQ(stream_read(r, buf, 8, wraps), 0);
+  EXPECT_EQ(stream_error(r), 2);
   stream_close_destroy(r);
 }
 
