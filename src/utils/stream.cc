@@ -150,8 +150,13 @@ stream* open_binary_read_stream(const char* name) {
 stream* open_binary_write_stream(const char* name, const char* mode) {
   stream* s = new_file_stream(name, ST_WRITE, 1);
   if (s == nullptr || !open_handle(s, mode)) return s;
-  // Appending to a file with content keeps the mark already there.
-  if (mode[0] == 'a' && file_size(s->name) > 0) return s;
+  // Appending to a file with content keeps the mark already there. A size that can't be read
+  // leaves that undecided: a mark behind content would corrupt the file, so the open fails.
+  if (mode[0] == 'a') {
+    int64_t size = file_size(s->name);
+    if (size < 0) s->errnr = STREAM_OPEN_ERROR;
+    if (size != 0) return s;
+  }
   if (stream_detail::file_write(s, &s->byteorder, sizeof s->byteorder, 1) != 1) {
     s->errnr = STREAM_OPEN_ERROR;
   }

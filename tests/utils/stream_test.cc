@@ -230,6 +230,12 @@ TEST_F(StreamFaultTest, FailedOpenMarkWriteAndMarkReadGiveOpenError) {
   stream_close_destroy(s);
 
   write_file(path, kMarkBytes + "data");
+  px_fault_arm(2, EIO);  // the size that decides on an appended mark
+  s = open_binary_append_stream(path.c_str());
+  EXPECT_EQ(stream_error(s), 1);
+  stream_close_destroy(s);
+  EXPECT_EQ(read_file(path), kMarkBytes + "data");
+
   px_fault_arm(2, EIO);  // the mark's fread
   s = open_binary_read_stream(path.c_str());
   EXPECT_EQ(stream_error(s), 1);
