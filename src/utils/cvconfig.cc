@@ -517,7 +517,8 @@ int cvconfig_validate(cvconfig_layer* layer, int32_t group_id, const char* name,
     } else {
       return 0;
     }
-    if (x < min || x > max) {
+    // Not a number compares false both ways: it must fail the range, not slip through it.
+    if (!(x >= min && x <= max)) {
       CV_ERROR(kModule, "cvconfig_validate: %lf not between %lf and %lf.", x, min, max);
       return 0;
     }

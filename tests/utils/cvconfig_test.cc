@@ -5,6 +5,7 @@
 
 #include "support/test_support.h"
 
+#include <cmath>
 #include <cstring>
 #include <string>
 
@@ -120,10 +121,11 @@ TEST_F(CvconfigTest, RangeAndPowerOfTwoValidators) {
   EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_ENGINE, CVPROP_MAX_PARALLELISM_LEVEL, -1), 0);
   GetCapturedStderr();
 
-  // Ratios: both ends inclusive.
+  // Ratios: both ends inclusive; not a number is out of every range.
   CaptureStderr();
   EXPECT_EQ(cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, 1.01), 0);
-  GetCapturedStderr();
+  EXPECT_EQ(cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, NAN), 0);
+  EXPECT_TRUE(HasError(GetCapturedStderr(), "cvconfig_validate: nan not between 0.000100 and"));
   EXPECT_EQ(cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, 1.0), 1);
 
   // `port` of server and client: two properties, one validator.
