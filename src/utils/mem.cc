@@ -869,16 +869,8 @@ void* mem_mallocex_full(MemContext* ctx, uint64_t size, int flags) {
     if (*list) (*list)->prev = area;
     *list = area;
   }
-  mem_block* block = reinterpret_cast<mem_block*>(reinterpret_cast<char*>(area) + area->used);
-  area->ref++;
-  area->used += need;
-  block->area = area;
-  block->size = size;
-  block->allocsize = allocsize;
-  block->flags = static_cast<uint32_t>(flags & MEM_BLOCK_FLAGS_MASK);
+  void* retval = mem_carve_block(area, size, allocsize, flags);
   if (!(flags & J480_MEM_LARGE)) mem_sink_head(list);
-  void* retval = block + 1;
-  J480_ASSERT(MEM_MODULE, (((ssize_t)retval) & (J480_ALIGN - 1)) == 0);
   return retval;
 }
 

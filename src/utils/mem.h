@@ -146,6 +146,20 @@ void* mem_mallocex_full(MemContext* ctx, uint64_t size, int flags);
 // Largest request of the inline path (no overflow in its rounding).
 #define MEM_FAST_MAX_SIZE (1ull << 32)
 
+// Takes the next block of `size` bytes (`allocsize` rounded) from the free room of `area`.
+inline void* mem_carve_block(mem_area* area, uint64_t size, uint64_t allocsize, int flags) {
+  mem_block* block = reinterpret_cast<mem_block*>(reinterpret_cast<char*>(area) + area->used);
+  area->ref++;
+  area->used += allocsize + sizeof(mem_block);
+  block->area = area;
+  block->size = size;
+  block->allocsize = allocsize;
+  block->flags = static_cast<uint32_t>(flags & MEM_BLOCK_FLAGS_MASK);
+  void* retval = block + 1;
+  J480_ASSERT("MEMCONTEXT", (((ssize_t)retval) & (J480_ALIGN - 1)) == 0);
+  return retval;
+}
+
 // The common case inline: a block from the head area, which keeps the most room afterwards.
 inline void* mem_mallocex(MemContext* ctx, uint64_t size, int flags) {
   mem_area* area = ctx->areas;
@@ -156,16 +170,7 @@ inline void* mem_mallocex(MemContext* ctx, uint64_t size, int flags) {
                        1)) {
     const mem_area* next = area->next;
     if (next == nullptr || next->size - next->used <= area->size - area->used - need) {
-      mem_block* block = reinterpret_cast<mem_block*>(reinterpret_cast<char*>(area) + area->used);
-      area->ref++;
-      area->used += need;
-      block->area = area;
-      block->size = size;
-      block->allocsize = allocsize;
-      block->flags = static_cast<uint32_t>(flags & MEM_BLOCK_FLAGS_MASK);
-      void* retval = block + 1;
-      J480_ASSERT("MEMCONTEXT", (((ssize_t)retval) & (J480_ALIGN - 1)) == 0);
-      return retval;
+      return mem_carve_block(area, size, allocsize, flags);
     }
   }
   return mem_mallocex_full(ctx, size, flags);
