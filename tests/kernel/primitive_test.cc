@@ -12,6 +12,7 @@
 #include "kernel/prim_hash.h"
 #include "kernel/ptype.h"
 #include "kernel/systables.h"
+#include "support/test_support.h"
 #include "kernel/vheap.h"
 #include "utils/mem.h"
 
@@ -92,10 +93,10 @@ TEST_F(Registry, VariantsAreFoundOnlyWithVariantsAndInRegistrationOrder) {
 }
 
 TEST_F(Registry, MissingSignaturesAreLoggedUnlessSelection) {
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(GetPrimDesc("select_nothing_sint_col"), nullptr);
-  EXPECT_EQ(GetPrimDesc("map_nothing_sint_col"), nullptr);
-  std::string err = testing::internal::GetCapturedStderr();
+  std::string err = j480test::err_of([] {
+    EXPECT_EQ(GetPrimDesc("select_nothing_sint_col"), nullptr);
+    EXPECT_EQ(GetPrimDesc("map_nothing_sint_col"), nullptr);
+  });
   EXPECT_EQ(err.find("select_nothing"), std::string::npos);
   EXPECT_NE(err.find("GetPrimDesc: signature map_nothing_sint_col not found"), std::string::npos)
       << err;
@@ -255,13 +256,13 @@ TEST(SysTables, KernelTablesAreListedAndTheRegistryStopsAt128) {
   EXPECT_EQ(systable_find_column("primitives", "nope"), nullptr);
 
   static systable_desc extra[130];
-  testing::internal::CaptureStderr();
   int refused = 0;
-  for (int i = 0; i < 130; i++) {
-    extra[i] = {"extra", 0, nullptr, nullptr};
-    if (systable_register(&extra[i]) < 0) refused++;
-  }
-  std::string err = testing::internal::GetCapturedStderr();
+  std::string err = j480test::err_of([&] {
+    for (int i = 0; i < 130; i++) {
+      extra[i] = {"extra", 0, nullptr, nullptr};
+      if (systable_register(&extra[i]) < 0) refused++;
+    }
+  });
   EXPECT_EQ(refused, 130 - (SYSTABLE_MAX - 4));
   EXPECT_EQ(systable_count(), SYSTABLE_MAX);
   EXPECT_STREQ(systable_at(0)->name, "sys_tables");

@@ -1,6 +1,8 @@
 // test_support: helpers shared by every test suite.
 #include "support/test_support.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -15,6 +17,8 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include "utils/cvlog.h"
 
 namespace j480test {
 
@@ -175,6 +179,27 @@ ScopedEnv::ScopedEnv(const std::string& name, const char* value) : name_(name) {
 ScopedEnv::~ScopedEnv() {
   if (had_) setenv(name_.c_str(), old_.c_str(), 1);
   else unsetenv(name_.c_str());
+}
+
+std::string err_of(const std::function<void()>& f) {
+  testing::internal::CaptureStderr();
+  f();
+  return testing::internal::GetCapturedStderr();
+}
+
+std::string out_of(const std::function<void()>& f) {
+  testing::internal::CaptureStdout();
+  f();
+  return testing::internal::GetCapturedStdout();
+}
+
+LogCapture::LogCapture(const char* cvlog) { use(cvlog); }
+LogCapture::~LogCapture() { cv_log_reset_for_tests(); }
+
+void LogCapture::use(const char* cvlog) {
+  if (cvlog != nullptr) setenv("CVLOG", cvlog, 1);
+  else unsetenv("CVLOG");
+  cv_log_reset_for_tests();
 }
 
 }  // namespace j480test

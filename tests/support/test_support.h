@@ -1,13 +1,14 @@
 // test_support: helpers shared by every test suite.
 //
 // A temporary directory per test, whole-file read and write, byte surgery on files (cut, set,
-// flip), and a runner that executes a built binary with a clean environment and returns its
-// standard output, standard error and exit value. The fault switch of the system-call seam is in
-// utils/posix.h (px_fault_arm, px_fault_disarm).
+// flip), a runner that executes a built binary with a clean environment and returns its
+// standard output, standard error and exit value, and a logger in a known state with its console
+// output captured. The fault switch of the system-call seam is in utils/posix.h (px_fault_arm).
 #ifndef J480_TESTS_SUPPORT_TEST_SUPPORT_H
 #define J480_TESTS_SUPPORT_TEST_SUPPORT_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -69,6 +70,30 @@ class ScopedEnv {
   std::string name_;
   bool had_;
   std::string old_;
+};
+
+// What `f` writes to standard error (or standard output) while it runs.
+std::string err_of(const std::function<void()>& f);
+std::string out_of(const std::function<void()>& f);
+
+// The logger in a known state for the life of the object: CVLOG as given (unset for null), no
+// configuration file or directory, an empty per-user directory; restarted on entry and on exit.
+class LogCapture {
+ public:
+  explicit LogCapture(const char* cvlog = nullptr);
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+  // Restarts the logger with CVLOG set to `cvlog` (unset for null).
+  void use(const char* cvlog);
+  const TempDir& home() const { return home_; }
+
+ private:
+  TempDir home_;
+  ScopedEnv cvlog_{"CVLOG", nullptr};
+  ScopedEnv file_{"CVLOG_CONFIGFILE", nullptr};
+  ScopedEnv dir_{"CVLOG_DIRECTORY", nullptr};
+  ScopedEnv profile_{"USERPROFILE", home_.path().c_str()};
 };
 
 }  // namespace j480test

@@ -7,15 +7,14 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <string>
 
 #include "utils/mem.h"
 
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
-
+using j480test::err_of;
 using j480test::Esc;
 
 prop_value L(int64_t v) {
@@ -59,9 +58,7 @@ TEST(CvconfigParse, SizeTextsWithUnitsFractionsAndExponents) {
   }
   for (const char* bad : {"1t b", "K", "10X", "", "1KBB", "5 k x", "1e400"}) {
     int64_t v = 77;
-    CaptureStderr();
-    EXPECT_EQ(cvconfig_parse_size(bad, &v), 0) << bad;
-    std::string err = GetCapturedStderr();
+    std::string err = err_of([&] { EXPECT_EQ(cvconfig_parse_size(bad, &v), 0) << bad; });
     EXPECT_EQ(v, 0) << bad;
     EXPECT_TRUE(HasError(err, std::string("cvconfig_parse_size: can't parse: '") + bad + "'\n"))
         << err;
@@ -92,62 +89,47 @@ TEST(CvconfigParse, BoolTextsAndTypedParse) {
   EXPECT_EQ(cvconfig_parse(mem, text, PROP_TPE_STR, &v), 1);
   EXPECT_NE(v.s, text);
   EXPECT_STREQ(v.s, "US");
-  CaptureStderr();
-  EXPECT_EQ(cvconfig_parse(mem, "1", 9, &v), 0);
-  EXPECT_TRUE(HasError(GetCapturedStderr(), "cvconfig_parse: invalid PropertyType 9\n"));
+  EXPECT_TRUE(HasError(err_of([&] { EXPECT_EQ(cvconfig_parse(mem, "1", 9, &v), 0); }),
+                       "cvconfig_parse: invalid PropertyType 9\n"));
   mem_context_remove(mem);
 }
 
 TEST_F(CvconfigTest, RangeAndPowerOfTwoValidators) {
-  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CBM, CVPROP_BLOCK_SIZE, 512 * 1024), 1);
-  CaptureStderr();
-  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CBM, CVPROP_BLOCK_SIZE, 768 * 1024), 0);
-  EXPECT_TRUE(HasError(GetCapturedStderr(),
-                       "cvconf_validate_power2: 786432 is not a power of two."));
-  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CBM, CVPROP_BLOCK_SIZE), 512 * 1024);
-
+  auto lng = [&](int32_t g, int32_t id, int64_t v) { return cvconfig_set_lng(cmdline_, g, id, v); };
+  auto memuse = [&](double v) { return cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, v); };
+  EXPECT_EQ(lng(CVGROUP_CBM, CVPROP_BLOCK_SIZE, 512 * 1024), 1);
   EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CBM, CVPROP_BUFFERPOOL_SIZE), 0);
-  CaptureStderr();
-  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CBM, CVPROP_BUFFERPOOL_SIZE, 0), 0);
-  EXPECT_TRUE(HasError(GetCapturedStderr(),
-                       "cvconfig_validate: 0.000000 not between 33554432.000000 and "
-                       "281474976710656.000000."));
-
-  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CBM, CVPROP_IO_PREFETCH_BLOCKS, 0), 1);
-  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CBM, CVPROP_BUFFERPOOL_BLOCKS, -1), 1);
+  EXPECT_EQ(lng(CVGROUP_CBM, CVPROP_IO_PREFETCH_BLOCKS, 0), 1);
+  EXPECT_EQ(lng(CVGROUP_CBM, CVPROP_BUFFERPOOL_BLOCKS, -1), 1);
   EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CBM, CVPROP_BUFFERPOOL_BLOCKS), -1);
-  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_ENGINE, CVPROP_MAX_UPDATE_PARALLELISM_LEVEL, -1), 1);
-  CaptureStderr();
-  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_ENGINE, CVPROP_MAX_PARALLELISM_LEVEL, -1), 0);
-  GetCapturedStderr();
-
-  // Ratios: both ends inclusive; not a number is out of every range.
-  CaptureStderr();
-  EXPECT_EQ(cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, 1.01), 0);
-  EXPECT_EQ(cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, NAN), 0);
-  EXPECT_TRUE(HasError(GetCapturedStderr(), "cvconfig_validate: nan not between 0.000100 and"));
-  EXPECT_EQ(cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, 1.0), 1);
-
+  EXPECT_EQ(lng(CVGROUP_ENGINE, CVPROP_MAX_UPDATE_PARALLELISM_LEVEL, -1), 1);
+  EXPECT_EQ(memuse(1.0), 1);  // ratios: both ends inclusive
   // `port` of server and client: two properties, one validator.
-  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_SERVER, CVPROP_PORT, 1000), 1);
-  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_CLIENT, CVPROP_CLIENT_PORT, 2000), 1);
-  CaptureStderr();
-  EXPECT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_SERVER, CVPROP_PORT, 65536), 0);
-  GetCapturedStderr();
-  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_SERVER, CVPROP_PORT), 1000);
-  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CLIENT, CVPROP_CLIENT_PORT), 2000);
-
-  // Power of two on its own: doubles truncate first, other types are refused.
+  EXPECT_EQ(lng(CVGROUP_SERVER, CVPROP_PORT, 1000), 1);
+  EXPECT_EQ(lng(CVGROUP_CLIENT, CVPROP_CLIENT_PORT, 2000), 1);
   prop_value d;
   d.d = 4.7;
-  EXPECT_EQ(cvconf_validate_power2(PROP_TPE_DBL, d), 1);
-  CaptureStderr();
-  EXPECT_EQ(cvconf_validate_power2(PROP_TPE_LNG, L(-4)), 0);
-  EXPECT_EQ(cvconf_validate_power2(PROP_TPE_STR, L(4)), 0);
-  std::string err = GetCapturedStderr();
-  EXPECT_TRUE(HasError(err, "cvconf_validate_power2: -4 is not a power of two.")) << err;
-  EXPECT_TRUE(HasError(err, "cvconf_validate_power2: unsupported property type")) << err;
-
+  EXPECT_EQ(cvconf_validate_power2(PROP_TPE_DBL, d), 1);  // doubles truncate first
+  std::string err = err_of([&] {
+    EXPECT_EQ(lng(CVGROUP_CBM, CVPROP_BLOCK_SIZE, 768 * 1024), 0);
+    EXPECT_EQ(lng(CVGROUP_CBM, CVPROP_BUFFERPOOL_SIZE, 0), 0);
+    EXPECT_EQ(lng(CVGROUP_ENGINE, CVPROP_MAX_PARALLELISM_LEVEL, -1), 0);
+    EXPECT_EQ(memuse(1.01), 0);
+    EXPECT_EQ(memuse(NAN), 0);  // not a number is out of every range
+    EXPECT_EQ(lng(CVGROUP_SERVER, CVPROP_PORT, 65536), 0);
+    EXPECT_EQ(cvconf_validate_power2(PROP_TPE_LNG, L(-4)), 0);
+    EXPECT_EQ(cvconf_validate_power2(PROP_TPE_STR, L(4)), 0);
+  });
+  for (const char* text : {"cvconf_validate_power2: 786432 is not a power of two.",
+                           "cvconfig_validate: 0.000000 not between 33554432.000000 and "
+                           "281474976710656.000000.",
+                           "cvconfig_validate: nan not between 0.000100 and",
+                           "cvconf_validate_power2: -4 is not a power of two.",
+                           "cvconf_validate_power2: unsupported property type"})
+    EXPECT_TRUE(HasError(err, text)) << text << "\n" << err;
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CBM, CVPROP_BLOCK_SIZE), 512 * 1024);
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_SERVER, CVPROP_PORT), 1000);
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CLIENT, CVPROP_CLIENT_PORT), 2000);
   // No validator for an unknown name; a boolean skips the range test.
   EXPECT_EQ(cvconfig_validate(cmdline_, CVGROUP_CBM, "no_such_key", L(-5), PROP_TPE_LNG), 1);
   EXPECT_EQ(cvconfig_validate(cmdline_, CVGROUP_SERVER, "port", L(70000), PROP_TPE_BOOL), 1);
@@ -175,10 +157,10 @@ TEST_F(CvconfigTest, LayersReadThroughParentsAndLastSetWins) {
   mem_context_remove(mem);
 
   // A property read under a group that doesn't hold it exists nowhere.
-  CaptureStderr();
-  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_DEFAULT, CVPROP_PORT), 0);
-  EXPECT_EQ(cvconfig_get_str(cmdline_, 8, 123), nullptr);
-  std::string err = GetCapturedStderr();
+  std::string err = err_of([&] {
+    EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_DEFAULT, CVPROP_PORT), 0);
+    EXPECT_EQ(cvconfig_get_str(cmdline_, 8, 123), nullptr);
+  });
   EXPECT_NE(err.find("WARN:CVCONFIG:cvconfig_get_lng: invalid property with gid = 1 and pid = 6"),
             std::string::npos) << err;
   EXPECT_NE(err.find("cvconfig_get_str: invalid property with gid = 8 and pid = 123"),
@@ -201,9 +183,8 @@ TEST_F(CvconfigTest, NameTableRoundTripsAndGroupsResolve) {
 }
 
 TEST(CvconfigDefaults, EveryPropertyIsPresentWithItsTypeAndNoDefaultFails) {
-  CaptureStderr();
-  cvconfig* root = cvconfig_create();
-  EXPECT_EQ(GetCapturedStderr(), "");
+  cvconfig* root = nullptr;
+  EXPECT_EQ(err_of([&] { root = cvconfig_create(); }), "");
   cvconfig_layer* d = cvconfig_defaults(root);
   for (int32_t id = 1; id <= CVCONFIG_NUM_PROPERTIES; id++) {
     int32_t gid = 0, tpe = -1;
@@ -213,13 +194,25 @@ TEST(CvconfigDefaults, EveryPropertyIsPresentWithItsTypeAndNoDefaultFails) {
     EXPECT_EQ(p->tpe, tpe) << root->names[id];
     EXPECT_EQ(p->cnt, 1);
   }
-  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_SERVER, CVPROP_PORT), 48130);
-  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_SERVER, CVPROP_CENTURY_BOUNDARY), -1);
-  EXPECT_EQ(cvconfig_get_str(d, CVGROUP_SERVER, CVPROP_DBFARM_PATH), nullptr);
-  EXPECT_DOUBLE_EQ(cvconfig_get_dbl(d, CVGROUP_MEMORY, CVPROP_LARGE_ALLOCATION_LIMIT), 0.8);
-  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_MEMORY, CVPROP_MAX_OVERALLOC), 2LL << 30);
-  EXPECT_EQ(cvconfig_get_bool(d, CVGROUP_SYSTEM, CVPROP_LAZY_EVAL), 1);
-  EXPECT_EQ(cvconfig_get_lng(d, CVGROUP_SYSTEM, CVPROP_MAX_OLD_LOG_SIZE), 2147483648LL);
+  const struct {
+    int32_t gid, id;
+    double value;  // a string default is checked by its length: -1 for none
+  } defaults[] = {{CVGROUP_SERVER, CVPROP_PORT, 48130},
+                  {CVGROUP_SERVER, CVPROP_CENTURY_BOUNDARY, -1},
+                  {CVGROUP_SERVER, CVPROP_DBFARM_PATH, -1},
+                  {CVGROUP_MEMORY, CVPROP_LARGE_ALLOCATION_LIMIT, 0.8},
+                  {CVGROUP_MEMORY, CVPROP_MAX_OVERALLOC, 2LL << 30},
+                  {CVGROUP_SYSTEM, CVPROP_LAZY_EVAL, 1},
+                  {CVGROUP_SYSTEM, CVPROP_MAX_OLD_LOG_SIZE, 2147483648LL}};
+  for (const auto& c : defaults) {
+    int32_t gid = 0, tpe = -1;
+    cvconfig_property_info(c.id, &gid, &tpe, nullptr);
+    double got = tpe == PROP_TPE_DBL    ? cvconfig_get_dbl(d, c.gid, c.id)
+                 : tpe == PROP_TPE_BOOL ? cvconfig_get_bool(d, c.gid, c.id)
+                 : tpe == PROP_TPE_STR  ? -1.0 + (cvconfig_get_str(d, c.gid, c.id) != nullptr)
+                                        : static_cast<double>(cvconfig_get_lng(d, c.gid, c.id));
+    EXPECT_DOUBLE_EQ(got, c.value) << root->names[c.id];
+  }
   EXPECT_STREQ(cvconfig_get_str(d, CVGROUP_ENGINE, CVPROP_SORT_COMPRESSION), "AUTO");
   cvconfig_destroy(root);
 }
@@ -244,18 +237,19 @@ TEST(PropertyListDeathTest, LookupComparesTextNotJustPointersOrPrefixes) {
 }
 
 TEST_F(CvconfigDeathTest, TypeMismatchesAndMissingLayersAreAssertions) {
-  EXPECT_DEATH(cvconfig_get_bool(cmdline_, CVGROUP_SERVER, CVPROP_PORT),
-               Esc("prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_BOOL"));
-  EXPECT_DEATH(cvconfig_get_lng(cmdline_, CVGROUP_SERVER, CVPROP_DBNAME),
-               Esc("prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_LNG"));
-  EXPECT_DEATH(cvconfig_get_dbl(cmdline_, CVGROUP_SERVER, CVPROP_PORT),
-               Esc("prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_DBL"));
-  EXPECT_DEATH(cvconfig_get_str(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE),
-               Esc("prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_STR"));
-  EXPECT_DEATH(cvconfig_set_str(defaults_, CVGROUP_SERVER, CVPROP_PORT, "1"),
-               Esc("assertion \"p->tpe == tpe\" failed"));
-  EXPECT_DEATH(cvconfig_set(nullptr, CVGROUP_SERVER, "port", L(1), PROP_TPE_LNG, 0),
-               Esc("assertion \"config\" failed"));
-  EXPECT_DEATH(cvconfig_layer_create(nullptr, "x", nullptr),
-               Esc("assertion \"mem || parent\" failed"));
+  const std::pair<std::function<void()>, const char*> cases[] = {
+      {[&] { cvconfig_get_bool(cmdline_, CVGROUP_SERVER, CVPROP_PORT); },
+       "prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_BOOL"},
+      {[&] { cvconfig_get_lng(cmdline_, CVGROUP_SERVER, CVPROP_DBNAME); },
+       "prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_LNG"},
+      {[&] { cvconfig_get_dbl(cmdline_, CVGROUP_SERVER, CVPROP_PORT); },
+       "prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_DBL"},
+      {[&] { cvconfig_get_str(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE); },
+       "prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_STR"},
+      {[&] { cvconfig_set_str(defaults_, CVGROUP_SERVER, CVPROP_PORT, "1"); }, "assertion \"p->tpe == tpe\" failed"},
+      {[&] { cvconfig_set(nullptr, CVGROUP_SERVER, "port", L(1), PROP_TPE_LNG, 0); },
+       "assertion \"config\" failed"},
+      {[&] { cvconfig_layer_create(nullptr, "x", nullptr); }, "assertion \"mem || parent\" failed"},
+  };
+  for (const auto& [call, text] : cases) EXPECT_DEATH(call(), Esc(text));
 }

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <functional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -16,41 +15,17 @@
 
 namespace {
 
+using j480test::err_of;
+using j480test::out_of;
 using j480test::read_file;
 using j480test::write_file;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 class CvLog : public testing::Test {
  protected:
-  void SetUp() override { cv_log_reset_for_tests(); }
-  void TearDown() override { cv_log_reset_for_tests(); }
-
-  // Restarts the logger with CVLOG set to `config` (unset for null).
-  static void use(const char* config) {
-    if (config != nullptr) setenv("CVLOG", config, 1);
-    else unsetenv("CVLOG");
-    cv_log_reset_for_tests();
-  }
-  static std::string err_of(const std::function<void()>& f) {
-    CaptureStderr();
-    f();
-    return GetCapturedStderr();
-  }
-  static std::string out_of(const std::function<void()>& f) {
-    CaptureStdout();
-    f();
-    return GetCapturedStdout();
-  }
+  void use(const char* config) { log_.use(config); }
   static int level_of(const char* module) { return cv_log_find_facility(module)->level; }
 
-  j480test::TempDir home_;  // an empty USERPROFILE, so no per-user file is found
-  j480test::ScopedEnv cvlog_{"CVLOG", nullptr};
-  j480test::ScopedEnv file_{"CVLOG_CONFIGFILE", nullptr};
-  j480test::ScopedEnv dir_{"CVLOG_DIRECTORY", nullptr};
-  j480test::ScopedEnv profile_{"USERPROFILE", home_.path().c_str()};
+  j480test::LogCapture log_;
 };
 
 // ---- Decoration of a line ----
@@ -170,7 +145,7 @@ TEST_F(CvLog, ConfigurationSourcesInTheirOrder) {
   j480test::TempDir dir;
   write_file(dir.file("cf"), "default=debug\n");
   write_file(dir.file("cvlog.conf"), "default=trace\n");
-  write_file(home_.file(".cvlog"), "default=warn\n");
+  write_file(log_.home().file(".cvlog"), "default=warn\n");
   write_file(dir.file("empty"), "");
 
   EXPECT_EQ(level_of(nullptr), CV_LOG_WARN);  // USERPROFILE/.cvlog

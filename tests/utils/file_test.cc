@@ -20,8 +20,7 @@ using j480test::exists;
 using j480test::read_file;
 using j480test::TempDir;
 using j480test::write_file;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
+using j480test::err_of;
 
 using j480test::Esc;
 
@@ -47,9 +46,7 @@ TEST_F(FileTest, CreateDirMakesNestedDirectoriesAndRefusesRelativePaths) {
   EXPECT_TRUE(S_ISDIR(st.st_mode));
   EXPECT_EQ(create_dir(nested.c_str()), 0);  // exists
 
-  CaptureStderr();
-  EXPECT_EQ(create_dir("rel_dir_x/y"), -1);
-  std::string err = GetCapturedStderr();
+  std::string err = err_of([] { EXPECT_EQ(create_dir("rel_dir_x/y"), -1); });
   EXPECT_TRUE(Contains(err, "create_dir: could not create path 'rel_dir_x/y' - path in not absolute"))
       << err;
   EXPECT_FALSE(exists("rel_dir_x"));
@@ -57,9 +54,7 @@ TEST_F(FileTest, CreateDirMakesNestedDirectoriesAndRefusesRelativePaths) {
   // A prefix that is a file can't become a directory.
   write_file(dir_.file("plain"), "x");
   std::string blocked = dir_.path() + "/plain/sub";
-  CaptureStderr();
-  EXPECT_EQ(create_dir(blocked.c_str()), -1);
-  err = GetCapturedStderr();
+  err = err_of([&] { EXPECT_EQ(create_dir(blocked.c_str()), -1); });
   EXPECT_TRUE(Contains(err, "create_dir: could not create path '" + dir_.path() +
                                 "/plain', error code 17"))
       << err;
@@ -123,15 +118,13 @@ TEST_F(FileTest, DeltreeRemovesNestedTreeButNotWhatSymlinksPointTo) {
   EXPECT_FALSE(exists(root));
   EXPECT_EQ(read_file(outside + "/keep"), "k");
 
-  CaptureStderr();
-  EXPECT_EQ(deltree(root.c_str()), -ENOENT);
-  std::string err = GetCapturedStderr();
-  EXPECT_TRUE(Contains(err, "deltree: error initializing scanning for '" + root + "/*': 2")) << err;
-
   std::string long_path = "/" + std::string(257, 'x');
-  CaptureStderr();
-  EXPECT_LT(deltree(long_path.c_str()), 0);
-  EXPECT_TRUE(Contains(GetCapturedStderr(), "deltree: path '" + long_path + "' too long."));
+  std::string err = err_of([&] {
+    EXPECT_EQ(deltree(root.c_str()), -ENOENT);
+    EXPECT_LT(deltree(long_path.c_str()), 0);
+  });
+  EXPECT_TRUE(Contains(err, "deltree: error initializing scanning for '" + root + "/*': 2")) << err;
+  EXPECT_TRUE(Contains(err, "deltree: path '" + long_path + "' too long."));
 }
 
 TEST_F(FileTest, DeltreeFailsAtEveryFailedCallAndKeepsTheDirectory) {
@@ -147,9 +140,8 @@ TEST_F(FileTest, DeltreeFailsAtEveryFailedCallAndKeepsTheDirectory) {
     j480test::make_dirs(root);
     write_file(root + "/f", "1");
     px_fault_arm(k, EPERM);
-    CaptureStderr();
-    int r = deltree(root.c_str());
-    std::string err = GetCapturedStderr();
+    int r = 0;
+    std::string err = err_of([&] { r = deltree(root.c_str()); });
     px_fault_disarm();
     EXPECT_EQ(r, -EPERM) << k;
     EXPECT_TRUE(exists(root)) << k;
@@ -189,12 +181,12 @@ TEST_F(FileTest, LockIsPerHandleAndBetweenProcesses) {
 
 TEST(FileUmask, OnlyOctalUpTo777IsApplied) {
   mode_t saved = umask(022);
-  CaptureStderr();
-  set_umask("1000");
-  EXPECT_EQ(umask(022), 022);
-  set_umask("abc");
-  EXPECT_EQ(umask(022), 022);
-  std::string err = GetCapturedStderr();
+  std::string err = err_of([] {
+    set_umask("1000");
+    EXPECT_EQ(umask(022), 022);
+    set_umask("abc");
+    EXPECT_EQ(umask(022), 022);
+  });
   EXPECT_TRUE(Contains(err, "set_umask: ignoring invalid umask '1000' in configuration.")) << err;
   EXPECT_TRUE(Contains(err, "set_umask: ignoring invalid umask 'abc' in configuration."));
   set_umask("777");
@@ -219,12 +211,12 @@ TEST_F(FileTest, KeyFilesGenerateReadVerifyAndRefuseShortFiles) {
   EXPECT_STREQ(back, key);
   EXPECT_TRUE(verify_auth_file(path.c_str(), key));
 
-  CaptureStderr();
   char other[kAuthPassLen] = {};
-  EXPECT_EQ(create_auth_file(path.c_str(), other, 0), nullptr);
   std::string wrong(64, 'A');
-  EXPECT_FALSE(verify_auth_file(path.c_str(), wrong.c_str()));
-  std::string err = GetCapturedStderr();
+  std::string err = err_of([&] {
+    EXPECT_EQ(create_auth_file(path.c_str(), other, 0), nullptr);
+    EXPECT_FALSE(verify_auth_file(path.c_str(), wrong.c_str()));
+  });
   EXPECT_TRUE(Contains(err, "create_auth_file: file '" + path + "' already exists.")) << err;
   EXPECT_TRUE(Contains(err, "verify_auth_file: '" + wrong + "' does not match '" + key +
                                 "' in '" + path + "'"))
@@ -234,19 +226,20 @@ TEST_F(FileTest, KeyFilesGenerateReadVerifyAndRefuseShortFiles) {
   EXPECT_EQ(read_file(path), wrong);
 
   write_file(path, std::string(63, 'B'));
-  CaptureStderr();
-  EXPECT_EQ(read_auth_file(path.c_str(), back), nullptr);
-  EXPECT_EQ(read_auth_file(dir_.file("absent").c_str(), back), nullptr);
-  err = GetCapturedStderr();
+  err = err_of([&] {
+    EXPECT_EQ(read_auth_file(path.c_str(), back), nullptr);
+    EXPECT_EQ(read_auth_file(dir_.file("absent").c_str(), back), nullptr);
+  });
   EXPECT_TRUE(Contains(err, "read_auth_file: file '" + path +
                                 "' only contains 63 bytes instead of 64"))
       << err;
   EXPECT_TRUE(Contains(err, "read_auth_file: error 2 opening file '" + dir_.file("absent") + "'"));
 
-  CaptureStderr();
-  EXPECT_EQ(read_auth_file("", back), nullptr);
-  EXPECT_EQ(read_auth_file(nullptr, back), nullptr);
-  EXPECT_EQ(GetCapturedStderr(), "");
+  EXPECT_EQ(err_of([&] {
+              EXPECT_EQ(read_auth_file("", back), nullptr);
+              EXPECT_EQ(read_auth_file(nullptr, back), nullptr);
+            }),
+            "");
   EXPECT_EQ(back[0], '\0');
 }
 

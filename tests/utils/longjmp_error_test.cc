@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "support/test_support.h"
 #include "utils/context.h"
 #include "utils/j480_error.h"
 #include "utils/longjmp_ctx.h"
@@ -57,13 +58,14 @@ TEST(LongjmpCtx, OutOfMemoryInsideAFrameUnwindsToItWithCodeTwo) {
   MemContext* work = mem_context_create(e.mem, "work");
   mem_context_set_exception_env(work, &envp);
   void* block = reinterpret_cast<void*>(1);
-  testing::internal::CaptureStderr();
-  int code = longjmp_ctx_run(&e.env, [&] {
-    px_fault_arm(1, ENOMEM, PX_FAULT_FAIL, true);  // every map fails from here
-    block = mem_mallocex(work, 1 << 22, J480_MEM_LARGE);
+  int code = 0;
+  std::string err = j480test::err_of([&] {
+    code = longjmp_ctx_run(&e.env, [&] {
+      px_fault_arm(1, ENOMEM, PX_FAULT_FAIL, true);  // every map fails from here
+      block = mem_mallocex(work, 1 << 22, J480_MEM_LARGE);
+    });
+    px_fault_disarm();
   });
-  px_fault_disarm();
-  std::string err = testing::internal::GetCapturedStderr();
   EXPECT_EQ(code, J480_ERROR_OUT_OF_MEMORY);
   EXPECT_EQ(block, reinterpret_cast<void*>(1));  // the assignment never happened
   EXPECT_NE(err.find("ERROR:MEMCONTEXT:mem_malloc: OUT OF MEMORY"), std::string::npos) << err;

@@ -7,6 +7,7 @@
 #include <cinttypes>
 #include <string>
 
+#include "support/test_support.h"
 #include "utils/cvconfig.h"
 #include "utils/cvlog.h"
 #include "utils/mem.h"
@@ -14,8 +15,7 @@
 
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
+using j480test::err_of;
 
 constexpr int64_t MiB = 1024 * 1024;
 
@@ -46,9 +46,7 @@ class SystemTest : public testing::Test {
     g_system_platform = saved_platform_;
   }
   std::string init_log() {
-    CaptureStderr();
-    EXPECT_EQ(system_init(cmdline_), 1);
-    return GetCapturedStderr();
+    return err_of([&] { EXPECT_EQ(system_init(cmdline_), 1); });
   }
 
   cvconfig* root_ = nullptr;
@@ -113,11 +111,11 @@ TEST_F(SystemTest, TheSemaphoreHoldsMaxTransactionsPermits) {
 TEST_F(SystemTest, HugePagesTakeTheCoreCountAsLimitAndAreDroppedWhenUnavailable) {
   ASSERT_EQ(cvconfig_set_bool(cmdline_, CVGROUP_MEMORY, CVPROP_USE_HUGE_TLB, 1), 1);
   ASSERT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_SYSTEM, CVPROP_NUM_CORES, 6), 1);
-  CaptureStderr();
-  px_fault_arm(1, EPERM);  // the huge-page probe
-  system_init(cmdline_);
-  px_fault_disarm();
-  const std::string log = GetCapturedStderr();
+  const std::string log = err_of([&] {
+    px_fault_arm(1, EPERM);  // the huge-page probe
+    system_init(cmdline_);
+    px_fault_disarm();
+  });
   EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_MEMORY, CVPROP_HUGE_TLB_LIM), 6);
   EXPECT_EQ(g_system_memory.huge_tlb_lim, 6);
   EXPECT_EQ(g_system_platform.huge_page_size, 0u);
