@@ -18,15 +18,12 @@ namespace {
 
 using j480test::LogBytes;
 using j480test::split_lines;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 const char kHead20[] = "<wal base_version=\"4851035686591004672\" cur_version=\"0\">";
 
 class Bc20Print : public testing::Test {
  protected:
   void SetUp() override {
-    cv_log_reset_for_tests();
     config_ = cvconfig_create();
     layer_ = cvconfig_layer_create(config_->mem, "cmdline", cvconfig_defaults(config_));
     farm_ = tmp_.path();
@@ -39,16 +36,14 @@ class Bc20Print : public testing::Test {
   void TearDown() override {
     bc20_set_config(nullptr);
     cvconfig_destroy(config_);
-    cv_log_reset_for_tests();
   }
 
   // Dumps `bytes` as LOG; the result, with the log text in `err`.
   int dump(const std::string& bytes, int to_file = 1) {
     j480test::write_file(cbm_ + "/LOG", bytes);
     stream* s = open_binary_read_stream((cbm_ + "/LOG").c_str());
-    CaptureStderr();
-    int rc = bc20_bm_logger_print(s, to_file);
-    err_ = GetCapturedStderr();
+    int rc = 0;
+    err_ = j480test::err_of([&] { rc = bc20_bm_logger_print(s, to_file); });
     stream_close_destroy(s);
     return rc;
   }
@@ -68,11 +63,7 @@ class Bc20Print : public testing::Test {
     return text;
   }
 
-  j480test::TempDir home_;
-  j480test::ScopedEnv cvlog_{"CVLOG", nullptr};
-  j480test::ScopedEnv file_{"CVLOG_CONFIGFILE", nullptr};
-  j480test::ScopedEnv dir_{"CVLOG_DIRECTORY", nullptr};
-  j480test::ScopedEnv profile_{"USERPROFILE", home_.path().c_str()};
+  j480test::LogCapture log_;
   j480test::TempDir tmp_;
   cvconfig* config_ = nullptr;
   cvconfig_layer* layer_ = nullptr;

@@ -23,9 +23,8 @@
 
 namespace {
 
+using j480test::err_of;
 using j480test::LogBytes;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 constexpr int64_t kV20 = 0x435257414C000000LL;
 
@@ -50,14 +49,10 @@ std::string line(const std::string& text) {
 
 class Bc20Reader : public testing::Test {
  protected:
-  void SetUp() override {
-    cv_log_reset_for_tests();
-    mem_ = mem_context_create(nullptr, "logger_replay_tc");
-  }
+  void SetUp() override { mem_ = mem_context_create(nullptr, "logger_replay_tc"); }
   void TearDown() override {
     if (s_ != nullptr) stream_close_destroy(s_);
     mem_context_remove(mem_);
-    cv_log_reset_for_tests();
   }
 
   // Writes `bytes` as LOG and opens it behind the mark and (if present) the version word.
@@ -70,9 +65,7 @@ class Bc20Reader : public testing::Test {
   }
   Call call() {
     Call c;
-    CaptureStderr();
-    c.rc = bc20_logger_read_transaction(mem_, s_, &c.list);
-    c.err = GetCapturedStderr();
+    c.err = err_of([&] { c.rc = bc20_logger_read_transaction(mem_, s_, &c.list); });
     return c;
   }
   // One transaction of `records` (bytes after the head), read once.
@@ -81,11 +74,7 @@ class Bc20Reader : public testing::Test {
     return call();
   }
 
-  j480test::TempDir home_;
-  j480test::ScopedEnv cvlog_{"CVLOG", nullptr};
-  j480test::ScopedEnv file_{"CVLOG_CONFIGFILE", nullptr};
-  j480test::ScopedEnv dir_{"CVLOG_DIRECTORY", nullptr};
-  j480test::ScopedEnv profile_{"USERPROFILE", home_.path().c_str()};
+  j480test::LogCapture log_;
   j480test::TempDir tmp_;
   std::string path_ = tmp_.file("LOG");
   MemContext* mem_ = nullptr;
@@ -204,8 +193,7 @@ TEST_F(Bc20Reader, GoldenLogsInBothByteOrdersGiveEveryRecordWithItsFields) {
 }
 
 TEST_F(Bc20Reader, PdtNewIsWidenedWithItsDebugLine) {
-  setenv("CVLOG", "LOGGER=debug", 1);
-  cv_log_reset_for_tests();
+  log_.use("LOGGER=debug");
   Call c = read_one(LogBytes().i32(0).lng(1).i32(26).lng(5).i32(3).raw("abc").i32(1).lng(1).bytes());
   EXPECT_EQ(c.rc, 1);
   EXPECT_EQ(c.err, "#LOGGER:converting pdt_new log action to pdt_new_64, object_id=5, data_size=3\n");
@@ -350,96 +338,80 @@ TEST_F(Bc20Reader, RecordCutAnywhereAfterItsTagFailsWithItsOwnText) {
 }
 
 TEST_F(Bc20Reader, CsNewNameLengthOutsideTheBufferIsNamedFirst) {
-  const std::string unexpected = "ERROR:LOGGER:read_cs_new: unexpected values in log\n";
   const std::string incorrect = "ERROR:LOGGER:incorrect cs_new\n";
+  const std::string tr_new = LogBytes().i32(0).lng(1).bytes();
   for (int32_t tag : {2, 35}) {
     for (int32_t length : {512, -1, INT_MAX}) {
-      Call c = read_one(LogBytes().i32(0).lng(1).i32(tag).i32(1).i32(length).raw(std::string(600, 'n')).bytes());
+      Call c = read_one(tr_new + LogBytes().i32(tag).i32(1).i32(length).raw(std::string(600, 'n')).bytes());
       EXPECT_EQ(c.list, nullptr);
-      EXPECT_EQ(c.err, unexpected + incorrect) << length;
+      EXPECT_EQ(c.err, "ERROR:LOGGER:read_cs_new: unexpected values in log\n" + incorrect) << length;
     }
     // A name within bounds but longer than the file: a short read, the tag's text only.
-    Call c = read_one(LogBytes().i32(0).lng(1).i32(tag).i32(1).i32(300).raw("abc").bytes());
-    EXPECT_EQ(c.err, incorrect);
+    EXPECT_EQ(read_one(tr_new + LogBytes().i32(tag).i32(1).i32(300).raw("abc").bytes()).err, incorrect);
     // 511 bytes is the longest name.
-    Call ok = read_one(LogBytes().i32(0).lng(1).i32(tag).i32(1).str(std::string(511, 'n')).i32(8).i32(0).i32(0).lng(0).i32(1).lng(1).bytes());
-    EXPECT_EQ(ok.rc, 1);
+    Call ok = read_one(tr_new + LogBytes().i32(tag).i32(1).str(std::string(511, 'n')).i32(8).i32(0).i32(0).lng(0).i32(1).lng(1).bytes());
     ASSERT_NE(ok.list, nullptr);
     EXPECT_EQ(ok.list->next->cs_new.blksz, 8);
   }
 }
 
-TEST_F(Bc20Reader, StringsOf512BytesOrMoreFailTheirRecord) {
-  const std::string tr_new = LogBytes().i32(0).lng(1).bytes();
-  const std::string tr_end = LogBytes().i32(1).lng(1).bytes();
-  const std::string s511(511, 'x'), s512(512, 'x');
-  // Each builder places `text` in one string field of its record.
-  struct Case {
-    const char* err;
-    std::function<std::string(const std::string&)> build;
-  } cases[] = {
-      {"incorrect cat_table_new\n", [](const std::string& t) { return LogBytes().i32(13).lng(1).str(t).lng(2).bytes(); }},
-      {"incorrect file_new", [](const std::string& t) { return LogBytes().i32(33).lng(1).lng(2).str(t).bytes(); }},
-      {"incorrect cat_location_new", [](const std::string& t) { return LogBytes().i32(28).lng(1).str(t).i32(2).bytes(); }},
-      {"incorrect cat_index_new\n", [](const std::string& t) { return LogBytes().i32(19).lng(1).str(t).i32(2).lng(3).lng(4).lng(5).lng(6).bytes(); }},
-      {"incorrect cat_column_new\n", [](const std::string& t) { return LogBytes().i32(15).lng(1).str(t).i32(2).str("l").i32(3).i32(4).str("c").str("n").i32(5).bytes(); }},
-      {"incorrect cat_column_new\n", [](const std::string& t) { return LogBytes().i32(15).lng(1).str("a").i32(2).str(t).i32(3).i32(4).str("c").str("n").i32(5).bytes(); }},
-      {"incorrect cat_column_new\n", [](const std::string& t) { return LogBytes().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4).str(t).str("n").i32(5).bytes(); }},
-      {"incorrect cat_column_new\n", [](const std::string& t) { return LogBytes().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4).str("c").str(t).i32(5).bytes(); }},
-  };
-  for (const Case& k : cases) {
-    Call ok = read_one(tr_new + k.build(s511) + tr_end);
-    EXPECT_EQ(ok.rc, 1) << k.err;
-    EXPECT_NE(ok.list, nullptr) << k.err;
-    Call bad = read_one(tr_new + k.build(s512) + tr_end);
-    EXPECT_EQ(bad.list, nullptr) << k.err;
-    EXPECT_EQ(bad.err, line(k.err));
-  }
-}
-
 // Lengths read from the file are held against the bytes left before anything is allocated: each
 // oversize or negative length fails its record with the record's text and allocates nothing big.
+// A string field holds at most 511 bytes.
 TEST_F(Bc20Reader, OversizeAndNegativeLengthsAreRefusedUnallocated) {
-  const std::string tr_new = LogBytes().i32(0).lng(1).bytes();
+  using B = LogBytes;
+  const std::string tr_new = B().i32(0).lng(1).bytes(), tr_end = B().i32(1).lng(1).bytes();
   const std::string filler(4096, 'z');
-  std::vector<int64_t> i32s = {INT_MAX, INT_MAX - 7, 4097, -1, INT_MIN};
-  std::vector<int64_t> i64s = {INT_MAX, 4097, 1LL << 61, 1LL << 62, INT64_MAX, -1, INT64_MIN};
-  struct Case {
+  const std::vector<int64_t> i32s = {INT_MAX, INT_MAX - 7, 4097, -1, INT_MIN};
+  const std::vector<int64_t> i64s = {INT_MAX, 4097, 1LL << 61, 1LL << 62, INT64_MAX, -1, INT64_MIN};
+  const struct {
     const char* err;
-    bool wide;  // a lng length field
-    std::function<std::string(int64_t)> build;
+    char kind;  // 's' string length, 'i' int count, 'l' lng count
+    B head, tail;  // the record before the length field; behind a string, the rest of it
   } cases[] = {
-      {"incorrect cat_table_new\n", false, [](int64_t n) { return LogBytes().i32(13).lng(1).i32(int32_t(n)).bytes(); }},
-      {"incorrect file_new", false, [](int64_t n) { return LogBytes().i32(33).lng(1).lng(2).i32(int32_t(n)).bytes(); }},
-      {"incorrect cat_location_new", false, [](int64_t n) { return LogBytes().i32(28).lng(1).i32(int32_t(n)).bytes(); }},
-      {"incorrect cat_index_new\n", false, [](int64_t n) { return LogBytes().i32(19).lng(1).i32(int32_t(n)).bytes(); }},
-      {"incorrect cat_column_new\n", false, [](int64_t n) { return LogBytes().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4).str("c").i32(int32_t(n)).bytes(); }},
-      {"incorrect cat_colgroup_new\n", false, [](int64_t n) { return LogBytes().i32(38).lng(1).lng(2).lng(3).i32(4).i32(int32_t(n)).bytes(); }},
-      {"incorrect cat_colgroup_new_defaultfile\n", false, [](int64_t n) { return LogBytes().i32(17).lng(1).lng(2).lng(3).i32(4).lng(0).i32(int32_t(n)).bytes(); }},
-      {"incorrect pdt_new", false, [](int64_t n) { return LogBytes().i32(26).lng(1).i32(int32_t(n)).bytes(); }},
-      {"incorrect pdt_new_64", true, [](int64_t n) { return LogBytes().i32(27).lng(1).lng(n).bytes(); }},
-      {"incorrect minmax_data", true, [](int64_t n) { return LogBytes().i32(22).lng(1).i32(2).lng(n).bytes(); }},
-      {"incorrect minmax_data", true, [](int64_t n) { return LogBytes().i32(22).lng(1).i32(2).lng(1).raw("d").i32(3).lng(n).bytes(); }},
-      {"incorrect minmax_vardata", true, [](int64_t n) { return LogBytes().i32(23).lng(1).i32(2).lng(n).bytes(); }},
-      {"incorrect minmax_vardata", true, [](int64_t n) { return LogBytes().i32(23).lng(1).i32(2).lng(0).i32(3).lng(n).bytes(); }},
-      {"incorrect jis_data", true, [](int64_t n) { return LogBytes().i32(25).lng(1).i32(2).lng(n).bytes(); }},
+      {"incorrect cat_table_new\n", 's', B().i32(13).lng(1), B().lng(2)},
+      {"incorrect file_new", 's', B().i32(33).lng(1).lng(2), B()},
+      {"incorrect cat_location_new", 's', B().i32(28).lng(1), B().i32(2)},
+      {"incorrect cat_index_new\n", 's', B().i32(19).lng(1), B().i32(2).lng(3).lng(4).lng(5).lng(6)},
+      {"incorrect cat_column_new\n", 's', B().i32(15).lng(1), B().i32(2).str("l").i32(3).i32(4).str("c").str("n").i32(5)},
+      {"incorrect cat_column_new\n", 's', B().i32(15).lng(1).str("a").i32(2), B().i32(3).i32(4).str("c").str("n").i32(5)},
+      {"incorrect cat_column_new\n", 's', B().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4), B().str("n").i32(5)},
+      {"incorrect cat_column_new\n", 's', B().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4).str("c"), B().i32(5)},
+      {"incorrect cat_colgroup_new\n", 'i', B().i32(38).lng(1).lng(2).lng(3).i32(4), B()},
+      {"incorrect cat_colgroup_new_defaultfile\n", 'i', B().i32(17).lng(1).lng(2).lng(3).i32(4).lng(0), B()},
+      {"incorrect pdt_new", 'i', B().i32(26).lng(1), B()},
+      {"incorrect pdt_new_64", 'l', B().i32(27).lng(1), B()},
+      {"incorrect minmax_data", 'l', B().i32(22).lng(1).i32(2), B()},
+      {"incorrect minmax_data", 'l', B().i32(22).lng(1).i32(2).lng(1).raw("d").i32(3), B()},
+      {"incorrect minmax_vardata", 'l', B().i32(23).lng(1).i32(2), B()},
+      {"incorrect minmax_vardata", 'l', B().i32(23).lng(1).i32(2).lng(0).i32(3), B()},
+      {"incorrect jis_data", 'l', B().i32(25).lng(1).i32(2), B()},
   };
-  for (const Case& k : cases) {
-    for (int64_t n : k.wide ? i64s : i32s) {
-      Call c = read_one(tr_new + k.build(n) + filler);
+  for (const auto& k : cases) {
+    std::vector<int64_t> lengths = k.kind == 'l' ? i64s : i32s;
+    if (k.kind == 's') lengths.push_back(512);
+    for (int64_t n : lengths) {
+      B rec = k.head;
+      if (k.kind == 'l') rec.lng(n);
+      else rec.i32(static_cast<int32_t>(n));
+      Call c = read_one(tr_new + rec.bytes() + filler);
       EXPECT_EQ(c.rc, 1);
       EXPECT_EQ(c.list, nullptr) << k.err << " length " << n;
       EXPECT_EQ(c.err, line(k.err)) << " length " << n;
       EXPECT_LT(mem_context_used(mem_), 64u * 1024) << k.err << " length " << n;
     }
+    if (k.kind == 's') {
+      Call ok = read_one(tr_new + k.head.bytes() + B().str(std::string(511, 'x')).bytes() + k.tail.bytes() + tr_end);
+      EXPECT_NE(ok.list, nullptr) << k.err;
+      EXPECT_EQ(ok.err, "") << k.err;
+    }
   }
   // A payload may reach exactly to the end of the file, and no further.
-  const std::string tr_end = LogBytes().i32(1).lng(1).bytes();
-  Call fit = read_one(tr_new + LogBytes().i32(27).lng(1).lng(4096).bytes() + filler + tr_end);
+  Call fit = read_one(tr_new + B().i32(27).lng(1).lng(4096).bytes() + filler + tr_end);
   EXPECT_EQ(fit.rc, 1);
   ASSERT_NE(fit.list, nullptr);
   EXPECT_EQ(fit.list->next->pdt_new_64.size, 4096);
-  Call over = read_one(tr_new + LogBytes().i32(27).lng(1).lng(4096 + 13).bytes() + filler + tr_end);
+  Call over = read_one(tr_new + B().i32(27).lng(1).lng(4096 + 13).bytes() + filler + tr_end);
   EXPECT_EQ(over.err, "ERROR:LOGGER:incorrect pdt_new_64\n");
 }
 
@@ -515,10 +487,9 @@ TEST_F(Bc20Reader, EveryPrefixOfAValidLogReadsToAnEndCleanly) {
   auto err_size = [] { return static_cast<int64_t>(lseek(2, 0, SEEK_END)); };
   for (size_t n = 10; n <= log.size(); n++) {
     open(log.substr(0, n));
-    CaptureStderr();
     std::string why;
-    bool ok = read_to_end(mem_, s_, err_size, &why);
-    GetCapturedStderr();
+    bool ok = false;
+    err_of([&] { ok = read_to_end(mem_, s_, err_size, &why); });
     EXPECT_TRUE(ok) << "prefix " << n << ": " << why;
     mem_context_remove(mem_);
     mem_ = mem_context_create(nullptr, "logger_replay_tc");
