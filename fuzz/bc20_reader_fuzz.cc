@@ -28,12 +28,6 @@ const char* const kDesignAssertions[] = {
     "colgroup_id && file_nr >= 0",
 };
 
-// A broken promise of the reader: a crash with the check's line in the stack.
-#define FUZZ_CHECK(cond)              \
-  do {                                \
-    if (!(cond)) __builtin_trap();    \
-  } while (0)
-
 volatile uint8_t g_sink;
 
 // Reads every byte of a payload the action claims to own.

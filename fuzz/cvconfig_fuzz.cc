@@ -24,11 +24,6 @@
 
 namespace {
 
-#define FUZZ_CHECK(cond)              \
-  do {                                \
-    if (!(cond)) __builtin_trap();    \
-  } while (0)
-
 cvconfig* g_root = nullptr;
 
 bool same_value(int32_t tpe, prop_value a, prop_value b) {

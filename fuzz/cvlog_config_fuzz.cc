@@ -20,11 +20,6 @@
 
 namespace {
 
-#define FUZZ_CHECK(cond)              \
-  do {                                \
-    if (!(cond)) __builtin_trap();    \
-  } while (0)
-
 char g_dir[] = "/tmp/j480_cvlog_fuzz.XXXXXX";
 std::string g_conf;  // <dir>/cvlog.conf
 

@@ -1,6 +1,5 @@
 #include "fuzz_support.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -14,23 +13,14 @@ namespace j480fuzz {
 
 InputFile::InputFile() {
   fd_ = memfd_create("j480_fuzz_input", MFD_CLOEXEC);
-  if (fd_ >= 0) {
-    snprintf(path_, sizeof path_, "/proc/self/fd/%d", fd_);
-    return;
-  }
-  snprintf(path_, sizeof path_, "/tmp/j480_fuzz_input.%d", static_cast<int>(getpid()));
-  fd_ = open(path_, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd_ < 0) {
-    perror(path_);
+    perror("memfd_create");
     abort();
   }
-  unlink_ = true;
+  snprintf(path_, sizeof path_, "/proc/self/fd/%d", fd_);
 }
 
-InputFile::~InputFile() {
-  if (fd_ >= 0) close(fd_);
-  if (unlink_) unlink(path_);
-}
+InputFile::~InputFile() { close(fd_); }
 
 void InputFile::write(const void* data, size_t size) {
   if (ftruncate(fd_, 0) != 0) abort();

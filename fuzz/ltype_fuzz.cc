@@ -13,11 +13,6 @@
 
 namespace {
 
-#define FUZZ_CHECK(cond)              \
-  do {                                \
-    if (!(cond)) __builtin_trap();    \
-  } while (0)
-
 MemContext* g_mem = nullptr;
 
 void take_apart(ltype code) {

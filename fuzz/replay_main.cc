@@ -20,22 +20,17 @@ extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** arg
 
 namespace {
 
-bool is_dir(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
+// A file, or every regular file of a directory in name order.
 void collect(const std::string& arg, std::vector<std::string>* files) {
-  if (!is_dir(arg)) {
+  struct stat st;
+  DIR* d = stat(arg.c_str(), &st) == 0 && S_ISDIR(st.st_mode) ? opendir(arg.c_str()) : nullptr;
+  if (d == nullptr) {
     files->push_back(arg);
     return;
   }
-  DIR* d = opendir(arg.c_str());
-  if (d == nullptr) return;
   std::vector<std::string> names;
   while (dirent* e = readdir(d)) {
     std::string path = arg + "/" + e->d_name;
-    struct stat st;
     if (e->d_name[0] != '.' && stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode))
       names.push_back(path);
   }
