@@ -171,6 +171,12 @@ TEST_F(CvLog, ConfigurationSourcesInTheirOrder) {
   char* text = logger_get_config();
   EXPECT_STREQ(text, "default=debug\n");
   free(text);
+  // A file is read as text: only a carriage return before a line feed goes.
+  write_file(dir.file("cf"), "\r\rdefault=error\r\n#a\rb\r\r\n\r");
+  cv_log_reset_for_tests();
+  text = logger_get_config();
+  EXPECT_STREQ(text, "\r\rdefault=error\n#a\rb\r\n\r");
+  free(text);
   use("");  // an empty CVLOG is still used: defaults, no file looked for
   EXPECT_EQ(level_of(nullptr), CV_LOG_INFO);
   text = logger_get_config();

@@ -1,8 +1,10 @@
 // Jump contexts and error records.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "support/test_support.h"
 #include "utils/context.h"
@@ -85,6 +87,38 @@ TEST(LongjmpCtx, FramePassedByAnOuterJumpPopsItsEntryAndCodeZeroReadsAsOne) {
   EXPECT_EQ(inner.env.top, nullptr);
   EXPECT_EQ(outer.env.top, nullptr);
   EXPECT_EQ(longjmp_ctx_run(&inner.env, [&] { longjmp_ctx_jump(&inner.env, 0); }), 1);
+}
+
+// Two threads on one environment with interleaved frames: each jump and each pop takes the
+// calling thread's newest entry, not the newest of the environment.
+TEST(LongjmpCtx, InterleavedFramesOfTwoThreadsEachReachTheirOwn) {
+  Env e;
+  std::atomic<int> stage{0};
+  auto wait_for = [&](int s) {
+    while (stage.load() < s) std::this_thread::yield();
+  };
+  int code_a = -1, code_b = -1;
+  std::thread a([&] {
+    code_a = longjmp_ctx_run(&e.env, [&] {
+      stage = 1;
+      wait_for(2);  // b has pushed its frame after ours
+      longjmp_ctx_jump(&e.env, 5);
+    });
+    stage = 3;
+  });
+  std::thread b([&] {
+    wait_for(1);
+    code_b = longjmp_ctx_run(&e.env, [&] {
+      stage = 2;
+      wait_for(3);  // a has jumped and popped
+      longjmp_ctx_jump(&e.env, 9);
+    });
+  });
+  a.join();
+  b.join();
+  EXPECT_EQ(code_a, 5);
+  EXPECT_EQ(code_b, 9);
+  EXPECT_EQ(e.env.top, nullptr);
 }
 
 TEST(LongjmpCtxDeathTest, SecondJumpThroughAnUnpoppedEntryAndJumpWithoutFrameAssert) {

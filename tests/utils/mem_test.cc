@@ -452,6 +452,49 @@ TEST_F(MemTest, UseReservedOnlyDrawsOnTheReserveAndIsRefusedWithoutOne) {
   EXPECT_EQ(c->curMem, 0u) << "the reserve pays for the area";
 }
 
+TEST_F(MemTest, AReserveThatCoversTheAreaExactlySufficesAndAFailedMapRefundsIt) {
+  // Reserves around what a heap area (100 bytes) and a mapped area (1 MiB) cost; a failed map
+  // gives back what it drew.
+  struct {
+    uint64_t size;
+    int flags;
+    int64_t dmem, dvm;  // reserve minus cost
+    bool fail_map;
+    bool granted;
+  } cases[] = {
+      {100, 0, 0, 0, false, true},           {100, 0, -1, 0, false, false},
+      {100, 0, 0, -1, false, false},         {1 * MiB, J480_MEM_LARGE, 0, 0, false, true},
+      {1 * MiB, J480_MEM_LARGE, 0, -1, false, false}, {1 * MiB, J480_MEM_LARGE, 5, 7, true, false},
+  };
+  for (const auto& k : cases) {
+    const int flags = k.flags | J480_MEM_USE_RESERVED_ONLY | J480_MEM_ALLOWFAILURE;
+    int64_t cost_mem = 0, cost_vm = 0;
+    err_of([&] {
+      MemContext* probe = mem_context_create(root_, "probe");
+      probe->mem_rsrvd = probe->vm_rsrvd = 64 * MiB;
+      ASSERT_NE(mem_mallocex(probe, k.size, flags), nullptr);
+      cost_mem = 64 * MiB - probe->mem_rsrvd;
+      cost_vm = 64 * MiB - probe->vm_rsrvd;
+      mem_context_remove(probe);
+    });
+    MemContext* c = mem_context_create(root_, "resv");
+    c->mem_rsrvd = cost_mem + k.dmem;
+    c->vm_rsrvd = cost_vm + k.dvm;
+    void* p = nullptr;
+    err_of([&] {
+      if (k.fail_map) px_fault_arm(1, ENOMEM);
+      p = mem_mallocex(c, k.size, flags);
+      px_fault_disarm();
+    });
+    EXPECT_EQ(p != nullptr, k.granted) << k.size << " " << k.dmem << " " << k.dvm;
+    EXPECT_EQ(c->mem_rsrvd, k.granted ? k.dmem : cost_mem + k.dmem) << k.size;
+    EXPECT_EQ(c->vm_rsrvd, k.granted ? k.dvm : cost_vm + k.dvm) << k.size;
+    EXPECT_EQ(c->curMem + c->curVM, 0u) << k.size;
+    if (!k.granted) expect_consistent(root_);  // the checker holds while no reserve was drawn
+    mem_context_remove(c);
+  }
+}
+
 // ---- Failure paths ----
 
 TEST_F(MemTest, AFailedMapWithAllowFailureReturnsNullAndUnchargesEverything) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "support/test_support.h"
+#include "utils/posix.h"
 
 namespace {
 
@@ -182,6 +183,21 @@ TEST(Stream, WriteErrorIsStickyAndNamedInTheErrorText) {
   EXPECT_EQ(stream_flush(w), 3);
   stream_close_destroy(w);
   EXPECT_EQ(read_file(path), "a,b\n");
+}
+
+TEST(Stream, FailedCloseIsAWriteErrorOnlyForWriteStreams) {
+  TempDir dir;
+  std::string path = dir.file("c");
+  for (bool write : {true, false}) {
+    stream* s = write ? open_binary_write_stream(path.c_str(), "wb")
+                      : open_binary_read_stream(path.c_str());
+    ASSERT_NE(s, nullptr);
+    px_fault_arm(1, EIO);  // the fclose
+    stream_close(s);
+    px_fault_disarm();
+    EXPECT_EQ(stream_error(s), write ? 3 : 0) << write;
+    stream_destroy(s);
+  }
 }
 
 TEST(Stream, PositionsBeyondFourGigabytes) {
