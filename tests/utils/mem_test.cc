@@ -10,7 +10,6 @@
 #include <map>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "utils/cvlog.h"
@@ -230,39 +229,6 @@ TEST_F(MemTest, RandomOperationsKeepCountersEqualToTheLiveAreas) {
 
 // ---- Areas and blocks ----
 
-TEST_F(MemTest, BlocksShareAnAreaReallocGrowsTheLastInPlaceAndTheLastFreeReleasesIt) {
-  MemContext* c = mem_context_create(root_, "c");
-  void* p = mem_malloc(c, 100);
-  auto* q = static_cast<uint8_t*>(mem_malloc(c, 200));
-  const mem_area* area = mem_block_of(p)->area;
-  EXPECT_EQ(area, mem_block_of(q)->area);
-  EXPECT_EQ(area->size, MEM_DEFAULT_CHUNKSIZE + 64 + 15u);
-  EXPECT_EQ(root_->totMem, area->size);
-  mem_free(c, p);
-  EXPECT_EQ(c->curMem, area->size) << "room comes back only with the area's last block";
-  fill(q, 200, 5);
-  EXPECT_EQ(mem_realloc(c, q, 1000, 0), q) << "the last block grows in place";
-  EXPECT_EQ(mem_block_of(q)->allocsize, 1008u);
-  EXPECT_TRUE(intact(q, 200, 5));
-  memset(q, 0xEE, 1008);  // the allocation unit: reallocex zeroes past the old size
-  EXPECT_EQ(mem_reallocex(c, q, 1008, 0), q);
-  EXPECT_EQ(q[999], 0xEE);
-  EXPECT_EQ(q[1000] | q[1007], 0);
-  fill(q, 1008, 6);
-  void* other = mem_malloc(c, 10);
-  void* r = mem_reallocex(c, q, 2000, 0);
-  EXPECT_NE(r, q) << "a block that isn't last moves";
-  EXPECT_TRUE(intact(r, 1008, 6));
-  EXPECT_EQ(static_cast<uint8_t*>(r)[1999], 0);
-  EXPECT_TRUE(mem_block_of(q)->flags & MEM_BLOCK_FREED);
-  mem_free(c, other);
-  mem_free(c, r);
-  EXPECT_EQ(c->curMem + c->curVM + root_->totMem, 0u);
-  EXPECT_EQ(c->areas, nullptr);
-  mem_free(c, nullptr);
-  expect_consistent(root_);
-}
-
 TEST_F(MemDeathTest, ReallocToASmallerSizeAndDoubleFreeDie) {
   MemContext* c = mem_context_create(root_, "c");
   void* p = mem_malloc(c, 100);
@@ -275,27 +241,6 @@ TEST_F(MemDeathTest, ReallocToASmallerSizeAndDoubleFreeDie) {
   mem_free(c, p);
   EXPECT_DEATH(mem_free(c, p), Esc("assertion \"!(block->flags & MEM_BLOCK_FREED)\" failed"));
   mem_free(c, keep);
-}
-
-TEST_F(MemTest, ABigRequestGetsItsOwnAreaAndSmallOnesGoToTheRoomierArea) {
-  MemContext* c = mem_context_create(root_, "c");
-  void* small = mem_malloc(c, 100);
-  const mem_area* first = mem_block_of(small)->area;
-  void* big = mem_malloc(c, 20000);
-  const mem_area* second = mem_block_of(big)->area;
-  EXPECT_NE(second, first);
-  EXPECT_EQ(second->size, 20000 + 32 + 64 + 15u) << "an area of the request's own size";
-  EXPECT_EQ(c->areas, first) << "the area with more room leads";
-  EXPECT_EQ(mem_block_of(mem_malloc(c, 64))->area, first);
-  // A request that fits neither gets a new area, which leads while it has the most room.
-  void* fat = mem_malloc(c, (first->size - first->used - 32) & ~uint64_t(15));
-  EXPECT_EQ(mem_block_of(fat)->area, first);
-  const mem_area* third = mem_block_of(mem_malloc(c, 16))->area;
-  EXPECT_NE(third, first);
-  EXPECT_NE(third, second);
-  EXPECT_EQ(c->areas, third);
-  EXPECT_EQ(third->next, first) << "equal room: no swap";
-  expect_consistent(root_);
 }
 
 TEST_F(MemTest, LargeAndExactRequestsUseTheirOwnAreas) {
@@ -337,26 +282,6 @@ TEST_F(MemTest, LargeBlockGrowsItsAreaWithinTheReservationWithoutMoving) {
   EXPECT_EQ(c->curMem, 10 * MiB + 65536);
   EXPECT_TRUE(intact(q, 100000, 9));
   memset(q, 1, 10 * MiB);
-  expect_consistent(root_);
-}
-
-TEST_F(MemTest, LargeBlockGrowsBeyondItsReservationByRemapping) {
-  MemContext* c = mem_context_create(root_, "c");
-  void* keep = mem_mallocex(c, 1000, J480_MEM_LARGE);  // a neighbour in the list
-  void* p = mem_mallocex(c, 100000, J480_MEM_LARGE);
-  fill(p, 100000, 3);
-  void* q = mem_reallocex(c, p, 8 * MiB, 0);
-  ASSERT_NE(q, nullptr);
-  const mem_area* a = mem_block_of(q)->area;
-  EXPECT_EQ(a->mode, MEM_AREA_VM);
-  EXPECT_EQ(a->ref, 1);
-  EXPECT_TRUE(intact(q, 100000, 3));
-  const auto* t = static_cast<const uint8_t*>(q);
-  EXPECT_EQ(t[100000] | t[8 * MiB - 1], 0);
-  expect_consistent(root_);
-  mem_free(c, q);
-  mem_free(c, keep);
-  EXPECT_EQ(c->curMem, 0u);
   expect_consistent(root_);
 }
 
@@ -419,18 +344,6 @@ TEST_F(MemTest, ARootShareGrowsWithinTheAccountAndRefusesBeyondIt) {
   EXPECT_EQ(root_->maxMem, root_->totMem);
   mem_context_remove(child);
   EXPECT_EQ(root_->maxMem, 1u);
-  expect_consistent(root_);
-}
-
-TEST_F(MemTest, ARootWithoutAShareIsNotLimitedAndAFailedClaimHandsBackItsGrant) {
-  limit_account(1 * MiB);
-  EXPECT_NE(mem_mallocex(root_, 8 * MiB, J480_MEM_ALLOWFAILURE), nullptr);
-  EXPECT_EQ(root_->maxMem, 0u);
-  g_system_memory.min_mem_per_transaction = 64 * MiB;
-  g_system_memory.min_trans_mem_inc = 1 * MiB;
-  limit_account(1 * MiB);
-  EXPECT_EQ(mem_context_claim_minimum(root_, 0), 0);
-  EXPECT_EQ(root_->maxMem + root_->maxVM, 0u);
   expect_consistent(root_);
 }
 
@@ -497,19 +410,6 @@ TEST_F(MemTest, AReserveThatCoversTheAreaExactlySufficesAndAFailedMapRefundsIt) 
 
 // ---- Failure paths ----
 
-TEST_F(MemTest, AFailedMapWithAllowFailureReturnsNullAndUnchargesEverything) {
-  MemContext* c = mem_context_create(root_, "c");
-  err_of([&] {
-    px_fault_arm(1, ENOMEM);
-    EXPECT_EQ(mem_mallocex(c, 1 * MiB, J480_MEM_LARGE | J480_MEM_ALLOWFAILURE), nullptr);
-    px_fault_disarm();
-  });
-  EXPECT_EQ(c->curMem, 0u);
-  EXPECT_EQ(c->curVM, 0u);
-  EXPECT_EQ(root_->totVM, 0u);
-  expect_consistent(root_);
-}
-
 TEST_F(MemDeathTest, OutOfMemoryWithoutAllowFailureEndsByAssertion) {
   MemContext* c = mem_context_create(root_, "doomed");
   EXPECT_DEATH(
@@ -527,28 +427,6 @@ TEST_F(MemDeathTest, OutOfMemoryWithoutAllowFailureEndsByAssertion) {
   ASSERT_EQ(mem_context_claim_minimum(root_, 0), 1);
   EXPECT_DEATH(mem_mallocex(c, 8 * MiB, 0),
                Esc("assertion \"flags & J480_MEM_ALLOWFAILURE\" failed"));
-}
-
-TEST_F(MemTest, OutOfMemoryUnwindsThroughTheExceptionEnvironmentWithCode2) {
-  longjmp_env env{};
-  longjmp_env_init(&env, root_);
-  longjmp_env* envp = &env;
-  mem_context_set_exception_env(root_, &envp);
-  MemContext* c = mem_context_create(root_, "c");
-  EXPECT_EQ(c->exception_env, &envp) << "inherited at creation";
-  int code = 0;
-  err_of([&] {
-    code = longjmp_ctx_run(&env, [&] {
-      px_fault_arm(1, ENOMEM);
-      mem_mallocex(c, 1 * MiB, J480_MEM_LARGE);
-      ADD_FAILURE() << "no unwind";
-    });
-    px_fault_disarm();
-  });
-  EXPECT_EQ(code, 2);
-  expect_consistent(root_);
-  longjmp_env_destroy(&env);
-  mem_context_set_exception_env(root_, nullptr);
 }
 
 // ---- Removal ----
@@ -576,15 +454,6 @@ TEST_F(MemTest, ACallerRecordSurvivesRemoval) {
   expect_consistent(root_);
 }
 
-TEST_F(MemTest, RootsLinkNewestFirstAndUnlink) {
-  MemContext* other = mem_context_create(nullptr, "other_root");
-  EXPECT_EQ(other->next_root, root_);
-  EXPECT_EQ(root_->prev_root, other);
-  EXPECT_EQ(mem_context_remove(other), nullptr);
-  EXPECT_EQ(root_->prev_root, nullptr);
-  expect_consistent(root_);
-}
-
 std::vector<std::string> g_cleanup_log;
 void log_cleanup(void* arg) { g_cleanup_log.push_back(static_cast<const char*>(arg)); }
 
@@ -597,29 +466,6 @@ TEST_F(MemTest, CleanupsRunNewestFirstChildrenBeforeTheirParent) {
   mem_add_cleanup(k, const_cast<char*>("k1"), log_cleanup);
   mem_context_remove(p);
   EXPECT_EQ(g_cleanup_log, (std::vector<std::string>{"k1", "p2", "p1"}));
-}
-
-TEST_F(MemTest, ConcurrentContextsLockTheTreeUntilTheLastGoes) {
-  MemContext* a = mem_context_create_concurrent(root_, "a");
-  MemContext* b = mem_context_create_concurrent(root_, "b");
-  EXPECT_EQ(root_->thread_safety->need_to_lock, 1);
-  EXPECT_EQ(root_->thread_safety->num_threads_running, 2);
-  EXPECT_EQ(a->is_concurrent, 1);
-  auto work = [](MemContext* ctx) {
-    for (int i = 0; i < 20000; i++) {
-      void* p = mem_malloc(ctx, 64 + (i % 7) * 100);
-      if (i % 3 == 0) mem_free(ctx, p);
-    }
-  };
-  std::thread ta(work, a), tb(work, b);
-  ta.join();
-  tb.join();
-  expect_consistent(root_);
-  mem_context_remove(a);
-  EXPECT_EQ(root_->thread_safety->need_to_lock, 1);
-  mem_context_remove(b);
-  EXPECT_EQ(root_->thread_safety->need_to_lock, 0);
-  EXPECT_EQ(root_->thread_safety->num_threads_running, 0);
 }
 
 TEST_F(MemDeathTest, RemovingANullContextDiesWithItsMessage) {
