@@ -3,8 +3,10 @@
 #include "utils/cvlog.h"
 
 #include <gtest/gtest.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <regex>
 #include <string>
 #include <thread>
@@ -87,7 +89,7 @@ TEST_F(CvLog, PrefixPiecesComeInTheirOrder) {
                             __FILE__ + ":" + std::to_string(line) + ":\x1b[0;32mtext\x1b[m");
 }
 
-TEST_F(CvLog, TimestampShapes) {
+TEST_F(CvLog, TimestampsHaveTheirShapesAndTellTheTime) {
   const std::pair<const char*, const char*> cases[] = {
       {"stderr=timesec", "[0-9]{10}\\.[0-9]{3}:x\n"},
       {"stderr=timesec:usec", "[0-9]{10}\\.[0-9]{6}:x\n"},
@@ -97,8 +99,20 @@ TEST_F(CvLog, TimestampShapes) {
   };
   for (const auto& [config, shape] : cases) {
     use(config);
+    const time_t before = time(nullptr);
     std::string err = err_of([] { CV_INFO(nullptr, "x"); });
     EXPECT_TRUE(std::regex_match(err, std::regex(shape))) << config << ": " << err;
+    time_t logged = 0;
+    if (err[4] == '-') {  // local calendar time
+      struct tm tm = {};
+      ASSERT_NE(strptime(err.c_str(), "%Y-%m-%d %H:%M:%S", &tm), nullptr) << err;
+      tm.tm_isdst = -1;
+      logged = mktime(&tm);
+    } else {
+      logged = static_cast<time_t>(strtoll(err.c_str(), nullptr, 10));
+    }
+    EXPECT_LE(before - 1, logged) << config << ": " << err;
+    EXPECT_LE(logged, time(nullptr)) << config << ": " << err;
   }
 }
 
