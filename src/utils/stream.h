@@ -173,15 +173,34 @@ inline int stream_read_lng(stream* s, int64_t* value) {
   return 1;
 }
 
+namespace stream_detail {
+// A typed write straight into the handle's buffer where it has room, as the C library's own
+// putc_unlocked does (glibc's buffer pointers); otherwise, and while the seam is armed so that
+// faults still see every write, the runtime's write. A write error surfaces at the flush.
+template <typename T>
+inline int put(stream* s, T value) {
+  FILE* f = s->handle;
+  if (__builtin_expect(s->write == stream_file_write && f != nullptr && g_px_faults.armed == 0 &&
+                           f->_IO_write_ptr != nullptr &&
+                           f->_IO_write_end - f->_IO_write_ptr >= static_cast<ptrdiff_t>(sizeof value),
+                       1)) {
+    __builtin_memcpy(f->_IO_write_ptr, &value, sizeof value);
+    f->_IO_write_ptr += sizeof value;
+    return 1;
+  }
+  return do_write(s, &value, sizeof value, 1) == 1;
+}
+}  // namespace stream_detail
+
 // Integers are written in the machine's order; false for a null stream or with errnr set.
 inline int stream_write_int(stream* s, int32_t value) {
   if (s == nullptr || s->errnr != STREAM_NOERR) return 0;
-  return stream_detail::do_write(s, &value, sizeof value, 1) == 1;
+  return stream_detail::put(s, value);
 }
 
 inline int stream_write_lng(stream* s, int64_t value) {
   if (s == nullptr || s->errnr != STREAM_NOERR) return 0;
-  return stream_detail::do_write(s, &value, sizeof value, 1) == 1;
+  return stream_detail::put(s, value);
 }
 
 #endif  // J480_UTILS_STREAM_H
