@@ -23,8 +23,9 @@ cvconfig_layer* bc20_get_config();
 // no columnspace or no default file.
 int64_t bc20_iobm_default_file_nr();
 
-// The CBM directory, "<dbfarm_path>/<dbname>/CBM", or null where it can't be built (no
-// configuration, a value missing). The text lives in a process-wide buffer, rebuilt per call.
+// The CBM directory, "<dbfarm_path>/<dbname>/CBM": the block manager's path where there is one,
+// else built from the configuration into a process-wide buffer, rebuilt per call; null where it
+// can't be built (no configuration, a value missing).
 const char* bc20_iobm_cbm_path();
 
 #endif  // J480_TOOLS_WAL_CONVERTER_BC20_IOBM_H

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "bm/iobm.h"
 #include "kernel/kernel.h"
 #include "tools/wal_converter/bc20_iobm.h"
 #include "tools/wal_converter/bc20_logger_print.h"
@@ -45,10 +46,9 @@ void print_usage(const char* name) {
 
 // Writes the log as XML beside it: the old format before the conversion, the new one after.
 // 0, or -1 where the dump refuses the log.
-int dump_log_xml(iobm* /*storage*/, int old_format) {
+int dump_log_xml(iobm* storage, int old_format) {
   char local[512];
-  const char* cbm = bc20_iobm_cbm_path();
-  if (cbm == nullptr) return -1;
+  const char* cbm = iobm_get_path(storage);
   // A cut name would open some other file: a path longer than the local buffer (legal here)
   // gets a heap buffer of its own size.
   char* path = local;
@@ -135,6 +135,13 @@ int j480_wal20_converter_main(int argc, char** argv) {
 
   kernel_init(cmdline);
 
+  bc20_iobm = iobm_create(cmdline);
+  if (bc20_iobm == nullptr) {
+    CV_ERROR(WAL_CONVERTER, "Failed to initialize 2.0 storage structures");
+    result = -1;
+    goto tail;
+  }
+
   if (dump_log && dump_log_xml(bc20_iobm, 1) < 0) {
     result = -1;
     goto tail;
@@ -148,6 +155,8 @@ int j480_wal20_converter_main(int argc, char** argv) {
 
 tail:
   CV_INFO(WAL_CONVERTER, "Done converting. Exiting.");
+  iobm_destroy(bc20_iobm);
+  bc20_iobm = nullptr;
   bc20_set_config(nullptr);
   cvconfig_destroy(config);
   kernel_exit();

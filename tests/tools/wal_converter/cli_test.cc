@@ -1,12 +1,17 @@
 // The command line and run sequence of the built tool: standard output, the log on standard
 // error, and the exit value as a shell sees it.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "bm/iobm.h"
 #include "support/test_support.h"
 #include "tools/wal_converter/log_bytes.h"
+#include "utils/cvconfig.h"
 
 using j480test::RunResult;
 using j480test::split_lines;
@@ -252,5 +257,52 @@ TEST(RunSequence, AFailedOrKilledSystemCallAnywhereEndsCleanlyAndLeavesTheDataba
       EXPECT_EQ(j480test::read_file(cbm + "/location_map"), "loc,/data\n");
       EXPECT_FALSE(j480test::exists(cbm + "/LOG.new"));
     }
+  }
+}
+
+// Two processes on one database: a holder of the block manager's lock in a child process, and
+// the tool. The tool is refused with the lock file's bytes unchanged; once the holder is gone,
+// by exit or by SIGKILL, the tool runs to its end again.
+TEST(RunSequence, ARunOnADatabaseInUseIsRefusedUntilTheHolderIsGone) {
+  j480test::TempDir farm;
+  const std::string cbm = farm.file("db/CBM");
+  j480test::make_dirs(cbm);
+  for (bool kill_it : {false, true}) {
+    int ready[2], go[2];
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(go), 0);
+    pid_t holder = fork();
+    ASSERT_GE(holder, 0);
+    if (holder == 0) {
+      cvconfig* config = cvconfig_create();
+      cvconfig_layer* layer = cvconfig_layer_create(nullptr, "cmdline", cvconfig_defaults(config));
+      cvconfig_set_str(layer, CVGROUP_SERVER, CVPROP_DBFARM_PATH, farm.path().c_str());
+      cvconfig_set_str(layer, CVGROUP_SERVER, CVPROP_DBNAME, "db");
+      char c = iobm_create(layer) != nullptr ? 'y' : 'n';
+      if (write(ready[1], &c, 1) != 1 || read(go[0], &c, 1) != 1) _exit(3);
+      _exit(0);  // without iobm_destroy: the lock goes with the process
+    }
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    ASSERT_EQ(c, 'y');
+    const std::string held = j480test::read_file(cbm + "/lock");
+    EXPECT_EQ(held, "48130\n" + std::to_string(holder) + "\n");
+    RunResult r = run({"--dbfarm", farm.path(), "--dbname", "db"});
+    EXPECT_EQ(r.status, 255);
+    std::vector<std::string> lines = split_lines(r.err);
+    ASSERT_GE(lines.size(), 3u);
+    const std::vector<std::string> last = {
+        "ERROR:CBM:iobm_create: database " + cbm + " already in use",
+        "ERROR:WAL_CONVERTER:Failed to initialize 2.0 storage structures", kTail};
+    EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()), last);
+    EXPECT_EQ(j480test::read_file(cbm + "/lock"), held);
+    if (kill_it) kill(holder, SIGKILL);
+    ASSERT_EQ(write(go[1], "x", 1), 1);
+    int status = 0;
+    ASSERT_EQ(waitpid(holder, &status, 0), holder);
+    EXPECT_TRUE(kill_it ? WIFSIGNALED(status) : WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    for (int fd : {ready[0], ready[1], go[0], go[1]}) close(fd);
+    r = run({"--dbfarm", farm.path(), "--dbname", "db"});
+    EXPECT_NE(r.err.find("not available in this build"), std::string::npos) << r.err;
   }
 }

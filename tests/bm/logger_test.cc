@@ -1,0 +1,456 @@
+// The 2.5 log from one table of every record kind: the writer's bytes against the record table,
+// the reader in both byte orders, the dump line by line, every cut inside a record, refused
+// fields, and survival of every prefix and of damaged bytes.
+#include "bm/logger.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "bm/paxgroup.h"
+#include "kernel/ptype.h"
+#include "support/test_support.h"
+#include "tools/wal_converter/log_bytes.h"
+#include "utils/mem.h"
+#include "utils/stream.h"
+
+namespace {
+
+using j480test::err_of;
+using j480test::LogBytes;
+
+constexpr int64_t kV25 = 0x435257414C000001LL;
+
+// One record kind: how the generator builds it, its fields on the wire behind the tag (written
+// here from the record table), its dump element ("" for none) and its decoding failure text.
+struct Kind {
+  int32_t tag;
+  std::function<bm_logger_action*(MemContext*)> make;
+  std::function<void(LogBytes&)> wire;
+  std::string xml;
+  std::string failure;
+};
+
+std::string raw8(int64_t v) {
+  return LogBytes().raw_lng(v).bytes();
+}
+char g_pdt[] = "PDTBYTES";
+const int64_t kKeyCols[] = {101, -7};
+const int64_t kJis[] = {1, 2, 3, -4};
+const char* const kMins[] = {"a", "bc"};
+const char* const kMaxs[] = {"d", ""};
+std::string g_location_path;  // set by the fixture
+
+// A row: the tag, the constructor call (in `m`), the wire fields behind the tag (on `b`), the
+// dump element and the decoding failure text.
+#define K(tag, make, wire, xml, failure)                                               \
+  {                                                                                    \
+    tag, [](MemContext* m) { return make; }, [](LogBytes& b) { b wire; }, xml, failure \
+  }
+
+std::vector<Kind> kinds() {
+  static const pax_column_descr d[2] = {{ptype_by_id(PTYPE_SLNG), 8, 1, 0, "lz4"},
+                                        {ptype_by_id(PTYPE_STR), 0, 2, 1, nullptr}};
+  return {
+      K(24, bm_action_cs_new(m, 7, 65536, BM_CS_NEW), .i32(0).lng(65536).lng(0),
+        "<cs_new id=\"0\" blksz=\"65536\"/>", "incorrect cs_new\n"),
+      K(2, bm_action_scol_new(m, 11, 3), .lng(11).i32(3), "<scol_new scolid=\"11\" type=\"3\"/>",
+        "incorrect scol_new\n"),
+      K(3, bm_action_scol_del(m, 12, -4), .lng(12).i32(-4), "<scol_del scolid=\"12\" type=\"-4\"/>",
+        "incorrect scol_del\n"),
+      K(4, bm_action_cat_table_new(m, 100, "or\"ders", 1), .lng(100).str("or\"ders").i32(1),
+        "<cat_table_new table_id=\"100\" name=\"or\"ders\" is_auto_pax=\"1\"/>",
+        "incorrect cat_table_new\n"),
+      K(7, bm_action_cat_column_new(m, 101, "c1", 1, 6, 74565, 100),
+        .lng(101).str("c1").i32(1).i32(6).i32(74565).lng(100),
+        "<cat_column_new column_id=\"101\" name=\"c1\" nullability=\"1\" storage_type=\"74565\" "
+        "logical_type=\"6\" table_id=\"100\"/>",
+        "incorrect cat_column_new\n"),
+      K(9, bm_action_cat_index_new(m, 102, "idx", 2, 100, -1),
+        .lng(102).str("idx").i32(2).lng(100).lng(-1),
+        "<cat_index_new index_id=\"102\" name=\"idx\" type=\"2\" table_id=\"100\" "
+        "ref_key_id=\"-1\"/>",
+        "incorrect cat_index_new\n"),
+      K(11, bm_action_minmax_size(m, 102, 10, 1000, 100), .lng(102).lng(10).lng(1000).lng(100),
+        "<minmax_size index_id=\"102\" maxgroups=\"10\" numtuples=\"1000\" groupsize=\"100\"/>",
+        "incorrect minmax_size"),
+      K(12, bm_action_minmax_data(m, 102, 0, 4, "MINS", "MAXS", 1, 2, "om", "OM"),
+        .lng(102).i32(0).lng(8).raw("MINSMAXS").i32(1).lng(2).raw("omOM"),
+        "<minmax_data index_id=\"102\" column_nr=\"0\" datasize=\"8\" overflow=\"1\" "
+        "overflow_datasize=\"2\"/>",
+        "incorrect minmax_data"),
+      K(12, bm_action_minmax_data(m, 103, 1, 2, "ab", "cd", 0, 3, "x", "y"),
+        .lng(103).i32(1).lng(4).raw("abcd").i32(0).lng(3).raw(std::string(6, '\0')),
+        "<minmax_data index_id=\"103\" column_nr=\"1\" datasize=\"4\" overflow=\"0\" "
+        "overflow_datasize=\"3\"/>",
+        "incorrect minmax_data"),
+      K(13, bm_action_minmax_vardata(m, 102, 2, 2, kMins, kMaxs, 1, "x", "yz"),
+        .lng(102)
+            .i32(2)
+            .lng(36)
+            .raw(raw8(1) + raw8(1) + raw8(2) + raw8(0) + "adbc")
+            .i32(1)
+            .lng(19)
+            .raw(raw8(1) + raw8(2) + "xyz"),
+        "<minmax_vardata index_id=\"102\" column_nr=\"2\" datasize=\"36\" overflow=\"1\" "
+        "overflow_datasize=\"19\"/>",
+        "incorrect minmax_vardata"),
+      K(13, bm_action_minmax_vardata(m, 103, 0, 1, kMins, kMaxs, 0, "x", "y"),
+        .lng(103).i32(0).lng(18).raw(raw8(1) + raw8(1) + "ad").i32(0).lng(0),
+        "<minmax_vardata index_id=\"103\" column_nr=\"0\" datasize=\"18\" overflow=\"0\" "
+        "overflow_datasize=\"0\"/>",
+        "incorrect minmax_vardata"),
+      K(14, bm_action_jis_size(m, 104, 8, 3, 50), .lng(104).lng(8).lng(3).lng(50),
+        "<jis_size index_id=\"104\" maxgroups=\"8\" numgroups=\"3\" groupsize=\"50\"/>",
+        "incorrect jis_size"),
+      K(15, bm_action_jis_data(m, 104, 1, 4, kJis),
+        .lng(104).i32(1).lng(4).raw(raw8(1) + raw8(2) + raw8(3) + raw8(-4)),
+        "<jis_data index_id=\"104\" jis_column=\"1\" numgroups=\"4\"/>", "incorrect jis_data"),
+      K(16, bm_action_pdt_new(m, 105, g_pdt, 8), .lng(105).lng(8).raw("PDTBYTES"),
+        "<pdt_new object_id=\"105\" size=\"8\"/>", "incorrect pdt_new"),
+      K(17, bm_action_cat_location_new(m, 2, "loc2", 1, g_location_path.c_str()),
+        .lng(2).str("loc2").i32(1),
+        "<cat_location_new location_id=\"2\" name=\"loc2\" usage=\"1\" path=\"(null)\"/>",
+        "incorrect cat_location_new"),
+      K(18, bm_action_cat_location_del(m, 3, nullptr), .lng(3),
+        "<cat_location_del location_id=\"3\"/>", "incorrect cat_location_del"),
+      K(19, bm_action_cat_location_update(m, 2, 3), .lng(2).i32(3), "",
+        "incorrect cat_location_update"),
+      K(20, bm_action_blk_new(m, 11, 1, 2, 3, 4), .lng(11).lng(1).lng(2).lng(3).lng(4),
+        "<blk_new scolid=\"11\" file_nr=\"1\" block_nr=\"2\" bytes_used=\"3\" num_tuples=\"4\"/>",
+        "incorrect blk_new"),
+      K(21, bm_action_blk_del(m, 11, 1, 2), .lng(11).lng(1).lng(2),
+        "<blk_del scolid=\"11\" file_nr=\"1\" block_nr=\"2\"/>", "incorrect blk_del"),
+      K(22, bm_action_file_new(m, 1, 2, "f1.dat"), .lng(1).lng(2).str("f1.dat"),
+        "<file_new file_nr=\"1\" location_id=\"2\" filename=\"f1.dat\"/>", "incorrect file_new"),
+      K(23, bm_action_file_del(m, 1), .lng(1), "<file_del file_nr=\"1\"/>", "incorrect file_del"),
+      K(25, bm_action_paxgroup_file(m, 25, 21, 1, 100), .lng(21).lng(1).lng(100),
+        "<paxgroup_file_new colgroup_id=\"21\" file_nr=\"1\" object_id=\"100\"/>",
+        "incorrect paxgroup_file_new\n"),
+      K(26, bm_action_paxgroup_file(m, 26, 21, 0, 100), .lng(21).lng(0).lng(100),
+        "<paxgroup_file_del paxgroup_id=\"21\" file_nr=\"0\" object_id=\"100\"/>",
+        "incorrect paxgroup_file_del\n"),
+      K(27, bm_action_cat_key_new(m, 106, "pk", 1, 100, -1, 2, kKeyCols),
+        .lng(106).str("pk").i32(1).lng(100).lng(-1).lng(2).lng(101).lng(-7),
+        "<cat_key_new key_id=\"106\" name=\"pk\" type=\"1\" table_id=\"100\" ref_key_id=\"-1\" "
+        "ncols=\"2\" col_ids=\"101:-7\"/>",
+        "incorrect cat_key_new"),
+      K(27, bm_action_cat_key_new(m, 107, "fk", 2, 100, 106, 0, nullptr),
+        .lng(107).str("fk").i32(2).lng(100).lng(106).lng(0),
+        "<cat_key_new key_id=\"107\" name=\"fk\" type=\"2\" table_id=\"100\" ref_key_id=\"106\" "
+        "ncols=\"0\" col_ids=\"\"/>",
+        "incorrect cat_key_new"),
+      K(28, bm_action_cat_key_del(m, 106), .lng(106), "<cat_key_del key_id=\"106\"/>",
+        "incorrect cat_key_del"),
+      K(29, bm_action_storage_new(m, 20, 100), .lng(20).lng(100),
+        "<storage_new storage_id=\"20\" object_id=\"100\"/>", "incorrect storage_new"),
+      K(31, bm_action_paxgroup_new(m, 21, 20, 11, 100, 2, d),
+        .lng(21)
+            .lng(20)
+            .lng(11)
+            .lng(100)
+            .lng(2)
+            .i32(0)
+            .i32(1)
+            .i32(6)
+            .i32(13)
+            .str("lz4")
+            .str("")
+            .i32(1)
+            .i32(2),
+        "<paxgroup_new paxgroup_id=\"21\" storage_id=\"20\" scol_id=\"11\" object_id=\"100\" "
+        "file_nr=\"0\" ncols=\"2\" col_descrs=\"(NOTNULL,slng,'lz4',1):(NULL,str,'',2)\"/>",
+        "incorrect paxgroup_new"),
+      K(31, bm_action_paxgroup_new(m, 22, 20, 12, 100, 0, nullptr),
+        .lng(22).lng(20).lng(12).lng(100).lng(0),
+        "<paxgroup_new paxgroup_id=\"22\" storage_id=\"20\" scol_id=\"12\" object_id=\"100\" "
+        "file_nr=\"0\" ncols=\"0\" col_descrs=\"\"/>",
+        "incorrect paxgroup_new"),
+      K(32, bm_action_paxgroup_del(m, 21, 100), .lng(21).lng(100),
+        "<paxgroup_del paxgroup_id=\"21\" object_id=\"100\"/>", "incorrect paxgroup_del"),
+      K(30, bm_action_storage_del(m, 20), .lng(20), "<storage_del index_id=\"20\"/>",
+        "incorrect storage_del"),
+      K(10, bm_action_cat_index_del(m, 102), .lng(102), "<cat_index_del index_id=\"102\"/>",
+        "incorrect cat_index_del\n"),
+      K(8, bm_action_cat_column_del(m, 101), .lng(101), "<cat_column_del column_id=\"101\"/>",
+        "incorrect cat_column_del\n"),
+      K(6, bm_action_cat_table_truncate(m, 100), .lng(100),
+        "<cat_table_truncate table_id=\"100\"/>", "incorrect cat_table_truncate\n"),
+      K(5, bm_action_cat_table_del(m, 100), .lng(100), "<cat_table_del table_id=\"100\"/>",
+        "incorrect cat_table_del\n"),
+  };
+}
+#undef K
+
+// One record of the table in the given byte order, tag included.
+std::string record(const Kind& k, bool big) {
+  LogBytes b(big);
+  b.i32(k.tag);
+  k.wire(b);
+  return b.bytes();
+}
+
+// The whole log of the table as one transaction with trid `trid`.
+std::string golden(bool big, int64_t trid = 0) {
+  std::string bytes = LogBytes(big).head(kV25).i32(0).lng(trid).bytes();
+  for (const Kind& k : kinds()) bytes += record(k, big);
+  return bytes + LogBytes(big).i32(1).lng(trid).bytes();
+}
+
+// The logged line of a failure text: texts ending in a line feed keep just that one.
+std::string line(const std::string& text) {
+  return "ERROR:LOGGER:" + text + (text.back() == '\n' ? "" : "\n");
+}
+
+class Logger25 : public testing::Test {
+ protected:
+  void SetUp() override {
+    ptype_register_all();
+    mem_ = mem_context_create(nullptr, "write_log");
+    g_location_path = tmp_.file("loc2");
+  }
+  void TearDown() override {
+    if (s_ != nullptr) stream_close_destroy(s_);
+    mem_context_remove(mem_);
+  }
+
+  bm_logger_action_list* table_list() {
+    bm_logger_action_list* list = action_list_new(mem_);
+    for (const Kind& k : kinds()) action_list_append(list, k.make(mem_));
+    return list;
+  }
+  // Commits `list` into a fresh log (with a location map): the log's bytes.
+  std::string commit_to_file(const bm_logger_action_list* list, const std::string& name) {
+    bm_logger* l = bm_logger_open(tmp_.file(name).c_str());
+    EXPECT_EQ(bm_logger_open_location_map(l, tmp_.file(name + ".map").c_str()), 1);
+    EXPECT_EQ(bm_logger_commit(l, list, 0), 1);
+    bm_logger_close(l);
+    return j480test::read_file(tmp_.file(name));
+  }
+  void open(const std::string& bytes) {
+    if (s_ != nullptr) stream_close_destroy(s_);
+    j480test::write_file(path_, bytes);
+    s_ = open_binary_read_stream(path_.c_str());
+    ASSERT_NE(s_, nullptr);
+    bm_logger_read_version(s_);
+  }
+  int read(bm_logger_action_list** list, std::string* err = nullptr) {
+    int rc = 0;
+    std::string e = err_of([&] { rc = bm_logger_read_transaction(mem_, s_, list); });
+    if (err != nullptr) *err = e;
+    return rc;
+  }
+
+  j480test::LogCapture log_;
+  j480test::TempDir tmp_;
+  std::string path_ = tmp_.file("LOG");
+  MemContext* mem_ = nullptr;
+  stream* s_ = nullptr;
+};
+
+TEST_F(Logger25, WriterBytesAreTheRecordTableAndTheMapHasTheLocationLine) {
+  EXPECT_EQ(commit_to_file(table_list(), "LOG.new"), golden(false));
+  EXPECT_EQ(j480test::read_file(tmp_.file("LOG.new.map")), "loc2," + g_location_path + "\n");
+}
+
+TEST_F(Logger25, ReaderReadsBothByteOrdersBackToTheSameBytes) {
+  for (bool big : {false, true}) {
+    SCOPED_TRACE(big ? "big-endian" : "little-endian");
+    open(golden(big, 9));
+    bm_logger_action_list* list = nullptr;
+    ASSERT_EQ(read(&list), 1);
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(list->head->type, BM_TR_NEW);
+    EXPECT_EQ(list->tail->type, BM_TR_END);
+    EXPECT_EQ(list->tail->id, 9);
+    // Without its bracket the list goes through the writer to the little-endian table.
+    bm_logger_action_list body = {list->head->next, list->tail->prev};
+    body.head->prev = body.tail->next = nullptr;
+    EXPECT_EQ(commit_to_file(&body, big ? "be" : "le"), golden(false));
+    EXPECT_EQ(body.head->next->next->next->next->cat_column_new.adt_id, 6);
+    bm_logger_action_list* rest = list;
+    EXPECT_EQ(read(&rest), 0);
+    EXPECT_EQ(rest, nullptr);
+  }
+}
+
+TEST_F(Logger25, DumpMatchesTheTableLineByLine) {
+  j480test::write_file(tmp_.file("LOG"), golden(false, 0));
+  stream* s = open_binary_read_stream(path_.c_str());
+  int rc = -1;
+  std::string err = err_of([&] { rc = bm_logger_print_in(s, tmp_.path().c_str()); });
+  stream_close_destroy(s);
+  EXPECT_EQ(rc, 0);
+  std::vector<std::string> want = {"<wal base_version=\"4851035686591004672\" cur_version=\"1\">",
+                                   "<tr trid=\"0\">"};
+  for (const Kind& k : kinds())
+    if (!k.xml.empty()) want.push_back(k.xml);
+  want.push_back("</tr trid=\"0\">");
+  want.push_back("</wal>");
+  EXPECT_EQ(j480test::split_lines(j480test::read_file(tmp_.file("_LOG_XML"))), want);
+  std::vector<std::string> logged = {"#LOGGER:bm_logger_print start"};
+  for (const std::string& w : want) logged.push_back("#LOGGER:" + w);
+  logged.push_back("#LOGGER:bm_logger_print end");
+  EXPECT_EQ(j480test::split_lines(err), logged);
+}
+
+TEST_F(Logger25, AnEmptyLogReadsAsNoTransactionAndDumpsHeadAndTail) {
+  open(LogBytes().head(kV25).bytes());
+  bm_logger_action_list* list = table_list();
+  EXPECT_EQ(read(&list), 0);
+  EXPECT_EQ(list, nullptr);
+  j480test::write_file(path_, LogBytes().head(kV25).bytes());
+  stream* s = open_binary_read_stream(path_.c_str());
+  err_of([&] { EXPECT_EQ(bm_logger_print_in(s, tmp_.path().c_str()), 0); });
+  stream_close_destroy(s);
+  EXPECT_EQ(j480test::read_file(tmp_.file("_LOG_XML")),
+            "<wal base_version=\"4851035686591004672\" cur_version=\"1\">\n</wal>\n");
+  EXPECT_EQ(bm_logger_print(nullptr, 1), -1);
+}
+
+TEST_F(Logger25, EveryCutInsideARecordFailsWithTheRecordsText) {
+  const std::string tr = LogBytes().head(kV25).i32(0).lng(1).bytes();
+  for (const Kind& k : kinds()) {
+    const std::string rec = record(k, false);
+    for (size_t cut = 4; cut < rec.size(); cut++) {
+      SCOPED_TRACE(k.failure + " cut at " + std::to_string(cut));
+      open(tr + rec.substr(0, cut));
+      bm_logger_action_list* list = nullptr;
+      std::string err;
+      EXPECT_EQ(read(&list, &err), 1);
+      EXPECT_EQ(list, nullptr);
+      EXPECT_EQ(err, line(k.failure));
+    }
+  }
+}
+
+TEST_F(Logger25, BadFieldsAndBracketsAreRefusedWithTheirTexts) {
+  const std::string n511(511, 'n'), n512(512, 'n');
+  const int64_t huge = int64_t{1} << 62;
+  struct Case {
+    std::string records;
+    std::string error;  // "" for a transaction read whole
+  };
+  auto L = [] { return LogBytes(); };
+  const std::string tr = L().i32(0).lng(1).bytes(), end = L().i32(1).lng(1).bytes();
+  const std::vector<Case> cases = {
+      {tr + L().i32(7).lng(1).str(n511).i32(0).i32(0).i32(0).lng(0).bytes() + end, ""},
+      {tr + L().i32(7).lng(1).str(n512).i32(0).i32(0).i32(0).lng(0).bytes(),
+       "incorrect cat_column_new\n"},
+      {tr + L().i32(9).lng(1).str(n512).i32(0).lng(0).lng(0).bytes(), "incorrect cat_index_new\n"},
+      {tr + L().i32(27).lng(1).str(n512).i32(0).lng(0).lng(0).lng(0).bytes(),
+       "incorrect cat_key_new"},
+      {tr + L().i32(4).lng(1).str(n512).i32(0).bytes(), "incorrect cat_table_new\n"},
+      {tr + L().i32(22).lng(1).lng(2).str(n512).bytes(), "incorrect file_new"},
+      {tr + L().i32(17).lng(1).str(n512).i32(0).bytes(), "incorrect cat_location_new"},
+      {tr + L().i32(4).lng(1).i32(-1).i32(0).bytes(), "incorrect cat_table_new\n"},
+      {tr + L().i32(12).lng(1).i32(0).lng(huge).bytes(), "incorrect minmax_data"},
+      {tr + L().i32(12).lng(1).i32(0).lng(0).i32(0).lng(huge).bytes(), "incorrect minmax_data"},
+      {tr + L().i32(13).lng(1).i32(0).lng(-1).bytes(), "incorrect minmax_vardata"},
+      {tr + L().i32(15).lng(1).i32(0).lng(huge).bytes(), "incorrect jis_data"},
+      {tr + L().i32(16).lng(1).lng(-8).bytes(), "incorrect pdt_new"},
+      {tr + L().i32(16).lng(1).lng(INT64_MAX).bytes(), "incorrect pdt_new"},
+      {tr + L().i32(27).lng(1).str("k").i32(0).lng(0).lng(0).lng(huge).bytes(),
+       "incorrect cat_key_new"},
+      {tr + L().i32(27).lng(1).str("k").i32(0).lng(0).lng(0).lng(-1).bytes(),
+       "incorrect cat_key_new"},
+      {tr + L().i32(31).lng(1).lng(0).lng(0).lng(0).lng(huge).bytes(), "incorrect paxgroup_new"},
+      {tr + L().i32(31).lng(1).lng(0).lng(0).lng(0).lng(1).i32(0).i32(999).str("").i32(0).bytes(),
+       "incorrect paxgroup_new"},
+      {tr +
+           L().i32(31).lng(1).lng(0).lng(0).lng(0).lng(1).i32(0).i32(6).i32(1 << 30).i32(0).bytes(),
+       "incorrect paxgroup_new"},
+      {tr + L().i32(33).bytes(), "Unhandled log value 33"},
+      {tr + L().i32(-1).bytes(), "Unhandled log value -1"},
+      {tr + tr, "tr_new called while in transaction"},
+      {end, "tr_end called while not in transaction\n"},
+      {tr + L().i32(1).lng(2).bytes(), "incorrect transaction\n"},
+      {tr + L().i32(23).lng(5).bytes(),
+       "reading transaction finished while still in open transaction"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.error);
+    open(LogBytes().head(kV25).bytes() + c.records);
+    bm_logger_action_list* list = nullptr;
+    std::string err;
+    EXPECT_EQ(read(&list, &err), 1);
+    EXPECT_EQ(list == nullptr, !c.error.empty());
+    EXPECT_EQ(err, c.error.empty() ? "" : line(c.error));
+  }
+}
+
+// Reads a whole file the way the dump does, past failures, until the reader says it ended.
+void read_all(MemContext* mem, const std::string& path) {
+  stream* s = open_binary_read_stream(path.c_str());
+  if (s == nullptr) return;
+  bm_logger_read_version(s);
+  bm_logger_action_list* list;
+  for (int i = 0; i < 100000 && bm_logger_read_transaction(mem, s, &list) != 0; i++) {
+  }
+  stream_close_destroy(s);
+}
+
+TEST_F(Logger25, EveryPrefixReadsToAnEnd) {
+  const std::string bytes = golden(false);
+  for (size_t cut = 0; cut <= bytes.size(); cut++) {
+    j480test::write_file(path_, bytes.substr(0, cut));
+    err_of([&] { read_all(mem_, path_); });
+  }
+}
+
+TEST_F(Logger25, DamagedBytesNeverCrashTheReader) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  const std::string bytes = golden(true);
+  std::mt19937 rng(17);
+  for (int round = 0; round < 200; round++) {
+    std::string damaged = bytes;
+    for (int f = 0; f < 1 + round % 4; f++) damaged[rng() % damaged.size()] ^= (1 + rng() % 255);
+    j480test::write_file(path_, damaged);
+    pid_t pid = fork();
+    if (pid == 0) {
+      dup2(::open("/dev/null", O_WRONLY), 2);
+      read_all(mem_, path_);
+      _exit(0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) continue;
+    // Only the format's own assertion (a group file record with group 0 or a negative file)
+    // may end the reader; a crash doesn't match.
+    EXPECT_DEATH(read_all(mem_, path_), "assertion \"paxgroup_id && file_nr >= 0\" failed")
+        << "round " << round;
+  }
+}
+
+// Writes the seed corpus of the fuzz target (fuzz/corpus/bm_logger_fuzz) into the directory
+// $J480_WRITE_LOGGER_SEEDS: logs of this writer and damaged variants of them. Run on demand with
+// --gtest_also_run_disabled_tests --gtest_filter='*Seeds*'.
+TEST_F(Logger25, DISABLED_WritesTheFuzzSeeds) {
+  const char* dir = getenv("J480_WRITE_LOGGER_SEEDS");
+  ASSERT_NE(dir, nullptr);
+  const std::string every = commit_to_file(table_list(), "seed");
+  const std::string h = LogBytes().head(kV25).bytes();
+  const std::vector<std::pair<std::string, std::string>> seeds = {
+      {"every_kind_le", every},
+      {"every_kind_be", golden(true, 4)},
+      {"two_transactions", every + golden(false, 1).substr(10)},
+      {"empty", h},
+      {"no_version", LogBytes().i16(1234).bytes()},
+      {"unbracketed", h + LogBytes().i32(23).lng(1).i32(21).lng(1).lng(2).lng(3).bytes()},
+      {"cut_in_record", every.substr(0, every.size() / 2)},
+      {"bad_trid", h + LogBytes().i32(0).lng(1).i32(1).lng(2).bytes()},
+      {"unknown_tag", h + LogBytes().i32(0).lng(1).i32(33).bytes() + every.substr(10)},
+      {"huge_lengths", h + LogBytes().i32(0).lng(1).i32(16).lng(1).lng(int64_t{1} << 62).bytes()},
+      {"name_512", h + LogBytes().i32(0).lng(1).i32(7).lng(1).str(std::string(512, 'n')).bytes()},
+  };
+  for (const auto& [name, bytes] : seeds)
+    j480test::write_file(std::string(dir) + "/" + name, bytes);
+}
+
+}  // namespace
