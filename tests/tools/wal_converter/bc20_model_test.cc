@@ -1,0 +1,809 @@
+// The legacy 2.0 model: columns, group trees, tables, indexes, the catalog and the location
+// map. Lookups are checked against a plain scan of the slots in order; group trees against their
+// invariants after every step of a random history.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "bm/columnspace.h"
+#include "bm/iobm.h"
+#include "bm/logger.h"
+#include "bm/scolumn.h"
+#include "kernel/ptype.h"
+#include "support/test_support.h"
+#include "tools/wal_converter/bc20_catalog.h"
+#include "tools/wal_converter/bc20_colgroup.h"
+#include "tools/wal_converter/bc20_column.h"
+#include "tools/wal_converter/bc20_index.h"
+#include "tools/wal_converter/bc20_iobm.h"
+#include "tools/wal_converter/bc20_location_map.h"
+#include "tools/wal_converter/bc20_logger.h"
+#include "tools/wal_converter/bc20_table.h"
+#include "utils/cvconfig.h"
+#include "utils/cvlog.h"
+#include "utils/mem.h"
+#include "utils/posix.h"
+#include "utils/stream.h"
+
+namespace {
+
+using j480test::err_of;
+using j480test::Esc;
+
+class Bc20Model : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    ptype_register_all();
+    bc20_column_register_types();
+    bc20_colgroup_register_types();
+    bc20_index_register_types();
+  }
+  void SetUp() override {
+    cat_ = bc20_catalog_create();
+    bc20_catalog = cat_;
+    mem_ = mem_context_create(nullptr, "test");
+  }
+  void TearDown() override {
+    bc20_catalog_destroy(cat_);
+    bc20_catalog = nullptr;
+    mem_context_remove(mem_);
+  }
+  static bc20_column* column(int64_t id, int32_t adt = PTYPE_SINT) {
+    bc20_column* c = bc20_column_create(0, adt);
+    bc20_column_set_id(c, id);
+    return c;
+  }
+  static bc20_colgroup* group(int32_t type, int64_t id, int32_t ncols, bc20_colgroup* parent) {
+    bc20_colgroup* g = bc20_colgroup_create(type, ncols, parent);
+    bc20_colgroup_set_id(g, id);
+    return g;
+  }
+  // A table `id` whose root (group id `id` * 100) holds columns id*100+1 .. id*100+n.
+  bc20_table* table(int64_t id, const std::string& name, int n = 2) {
+    bc20_colgroup* root = group(bc20_colgroup_logical, id * 100, n, nullptr);
+    for (int k = 1; k <= n; k++)
+      bc20_colgroup_add_column(root, column(id * 100 + k), ("c" + std::to_string(k)).c_str());
+    bc20_table* t = bc20_table_create(root);
+    t->table_id = id;
+    bc20_catalog_add_table(cat_, t, name.c_str());
+    return t;
+  }
+  bc20_index* index(bc20_table* t, int32_t type, int64_t id, const std::string& name,
+                    const char* key_name = nullptr, std::vector<int> cols = {0}) {
+    bc20_colgroup* g =
+        group(bc20_colgroup_logical, id * 10, static_cast<int32_t>(cols.size()), nullptr);
+    for (int p : cols)
+      bc20_colgroup_add_column(g, t->colgroup->columns[p], t->colgroup->column_names[p]);
+    bc20_index* i = bc20_index_create(type, g, nullptr);
+    i->id = id;
+    i->key_name = key_name != nullptr ? strdup(key_name) : nullptr;
+    const char* tname = bc20_catalog_table_name_by_id(cat_, t->table_id);
+    bc20_table_add_index(t, tname, i, name.c_str());
+    return i;
+  }
+
+  j480test::LogCapture log_;
+  struct bc20_catalog* cat_ = nullptr;
+  MemContext* mem_ = nullptr;
+};
+
+// ---- columns ----
+
+TEST_F(Bc20Model, ColumnImplementationFollowsTheStorageTypeForCtypeZero) {
+  struct Case {
+    int32_t ctype;
+    int32_t adt;
+    const char* name;
+  };
+  const Case cases[] = {{0, PTYPE_STR, "vcolumn_8"},
+                        {2, PTYPE_STR, "vcolumn_16"},
+                        {0, PTYPE_SINT, "fcolumn"},
+                        {3, PTYPE_DBL, "ccolumn"},
+                        {1, PTYPE_SLNG, "vcolumn_8"}};
+  for (const Case& k : cases) {
+    bc20_column* c = bc20_column_ref(bc20_column_create(k.ctype, k.adt));
+    EXPECT_STREQ(c->name, k.name) << k.ctype << "/" << k.adt;
+    EXPECT_EQ(c->ctype, c->type_id);
+    EXPECT_EQ(c->refcnt, 1);
+    if (c->ctype == bc20_column_fcolumn || c->ctype == bc20_column_ccolumn) {
+      EXPECT_EQ(static_cast<bc20_fcolumn_state*>(c->impl)->width, ptype_width(c->type));
+    }
+    bc20_column_unref(c);
+  }
+}
+
+TEST_F(Bc20Model, ColumnAssertions) {
+  bc20_column* c = bc20_column_ref(column(1));
+  bc20_column_set_sqltype(c, "integer", 10, 0);
+  struct Case {
+    std::function<void()> f;
+    const char* text;
+  };
+  const Case cases[] = {
+      {[&] { bc20_column_set_sqltype(c, "x", 0, 0); }, "c->sqltype == NULL"},
+      {[] { bc20_column_create(0, 99); }, "c->type"},
+      {[] { bc20_column_create(7, PTYPE_SINT); },
+       "column_type >= 0 && column_type < nr_of_columns"},
+      {[] { bc20_column_unref(bc20_column_create(0, PTYPE_SINT)); }, "c->refcnt >= 0"},
+      {[] { bc20_column_ref(nullptr); }, "c"},
+  };
+  for (const Case& k : cases)
+    EXPECT_DEATH(k.f(), Esc(std::string("assertion \"") + k.text + "\" failed"));
+  bc20_column_unref(c);
+}
+
+// ---- group trees ----
+
+TEST_F(Bc20Model, SameColumnTwiceInAStorageGroupStandsOnceInItsRoot) {
+  bc20_colgroup* root = group(bc20_colgroup_logical, 1, 2, nullptr);
+  bc20_colgroup* s = group(bc20_colgroup_null, 2, 2, root);
+  bc20_column* c = column(7);
+  bc20_colgroup_add_column(s, c, "a");
+  bc20_colgroup_add_column(s, c, "a");
+  EXPECT_EQ(root->n_columns, 1);
+  EXPECT_EQ(s->n_columns, 2);
+  EXPECT_EQ(s->parent_positions[0], 0);
+  EXPECT_EQ(s->parent_positions[1], 0);
+  EXPECT_EQ(c->refcnt, 3);
+  EXPECT_EQ(c->lcolgroup, root);
+  EXPECT_EQ(c->nullcolgroup, s);
+  EXPECT_EQ(bc20_colgroup_set_store(root, 5), 0);
+  EXPECT_EQ(root->store_id, 0);
+  EXPECT_EQ(bc20_colgroup_add_file(root, 0), nullptr);
+  bc20_colgroup_free(root);
+}
+
+TEST_F(Bc20Model, DroppingAChildShiftsTheRootAndRepointsTheOthers) {
+  bc20_colgroup* root = group(bc20_colgroup_logical, 1, 4, nullptr);
+  bc20_colgroup* a = group(bc20_colgroup_null, 2, 2, root);
+  bc20_colgroup* b = group(bc20_colgroup_null, 3, 2, root);
+  bc20_colgroup* bn = group(bc20_colgroup_null, 4, 2, b);
+  bc20_column* shared = column(10);
+  bc20_column* only_in_a = column(11);
+  bc20_colgroup_add_column(a, only_in_a, "x");
+  bc20_colgroup_add_column(a, shared, "s");
+  bc20_colgroup_add_column(b, column(12), "y");
+  bc20_colgroup_add_column(b, shared, "s");
+  bc20_colgroup_add_column(bn, b->columns[0], "y");
+  ASSERT_EQ(root->n_columns, 3);
+  EXPECT_EQ(bc20_colgroup_drop_child(mem_, root, 2), 0);
+  ASSERT_EQ(root->n_children, 1);
+  EXPECT_EQ(root->children[0], b);
+  ASSERT_EQ(root->n_columns, 1);
+  EXPECT_STREQ(root->column_names[0], "y");
+  EXPECT_EQ(b->parent_positions[0], 0);
+  EXPECT_EQ(b->parent_positions[1], -1);  // "s" left the root with the dropped child
+  EXPECT_EQ(bn->parent_positions[0], 0);
+  EXPECT_EQ(shared->refcnt, 1);
+  EXPECT_FALSE(bc20_colgroup_is_live(2, a));
+  EXPECT_TRUE(bc20_colgroup_is_live(3, b));
+  EXPECT_FALSE(bc20_column_is_live(11, only_in_a));  // went with the child and its root name
+  EXPECT_TRUE(bc20_column_is_live(10, shared));
+  bc20_colgroup_free(b);  // a child freed alone leaves its parent's list consistent
+  EXPECT_EQ(root->n_children, 0);
+  bc20_colgroup_free(root);
+}
+
+TEST_F(Bc20Model, DeleteByNameResolvesNullIndicators) {
+  bc20_colgroup* root = group(bc20_colgroup_logical, 1, 4, nullptr);
+  bc20_colgroup* s = group(bc20_colgroup_null, 2, 4, root);
+  bc20_colgroup* n = group(bc20_colgroup_null, 3, 2, s);
+  bc20_column* v = column(1);
+  bc20_column* ind = column(2, PTYPE_UCHR);
+  bc20_colgroup_add_column(n, v, "v");
+  bc20_colgroup_add_column(n, ind, "v_null");
+  bc20_colgroup_add_column(root, column(3), "w");
+  char name[] = "v";
+  char* names[] = {name};
+  bc20_colgroup_del_columns(root, names, 1, 1);
+  ASSERT_EQ(root->n_columns, 1);
+  EXPECT_STREQ(root->column_names[0], "w");
+  EXPECT_EQ(s->parent_positions[0], -1);
+  EXPECT_EQ(s->parent_positions[1], -1);
+  EXPECT_EQ(n->parent_positions[0], 0);
+  bc20_colgroup_free(root);
+}
+
+TEST_F(Bc20Model, GroupAssertions) {
+  bc20_colgroup* root = group(bc20_colgroup_logical, 1, 2, nullptr);
+  bc20_colgroup* empty = group(bc20_colgroup_null, 2, 0, root);
+  bc20_colgroup* s = group(bc20_colgroup_storage, 3, 1, root);
+  struct Case {
+    std::function<void()> f;
+    const char* text;
+  };
+  const Case cases[] = {
+      {[&] { bc20_colgroup_add_column(empty, column(1), "a"); }, "cg->columns_size > 0"},
+      {[&] { bc20_colgroup_drop_child(mem_, root, 99); }, "cg && cg->logical && colnames"},
+      {[&] { bc20_colgroup_drop_child(mem_, s, 99); }, "cg && cg->logical"},
+      {[&] { bc20_colgroup_set_store(s, 5); }, "scol"},
+      {[&] { bc20_colgroup_add_file(s, 0); }, "cs_file && scg->file_nr < 0"},
+      {[] { bc20_colgroup_create(3, 1, nullptr); },
+       "colgroup_type >= 0 && colgroup_type < nr_of_colgroups"},
+      {[&] { bc20_table_create(s); }, "cg->owner_kind == BC20_CG_FREE && cg->parent == NULL"},
+  };
+  for (const Case& k : cases)
+    EXPECT_DEATH(k.f(), Esc(std::string("assertion \"") + k.text + "\" failed"));
+  bc20_colgroup_free(root);
+}
+
+// A storage group binds one storage column and one file of the block manager, and gives both
+// back when it goes.
+TEST_F(Bc20Model, StorageGroupsBindAStorageColumnAndAFile) {
+  j480test::TempDir farm;
+  cvconfig* config = cvconfig_create();
+  cvconfig_layer* layer = cvconfig_layer_create(nullptr, "cmdline", cvconfig_defaults(config));
+  cvconfig_set_str(layer, CVGROUP_SERVER, CVPROP_DBFARM_PATH, farm.path().c_str());
+  cvconfig_set_str(layer, CVGROUP_SERVER, CVPROP_DBNAME, "db");
+  err_of([&] { bc20_iobm = iobm_create(layer); });
+  ASSERT_NE(bc20_iobm, nullptr);
+  columnspace* cs = nullptr;
+  err_of([&] { cs = columnspace_create(4096, 8, 64, 1); });
+  iobm_set_columnspace(bc20_iobm, cs);
+  cs_file* file = columnspace_register_file(cs, nullptr, nullptr, "f", 0, 4);
+  ASSERT_NE(scolumn_create(bc20_iobm, cs, 7, 1, 3), nullptr);
+  bc20_colgroup* root = group(bc20_colgroup_logical, 1, 1, nullptr);
+  bc20_colgroup* s = group(bc20_colgroup_storage, 2, 1, root);
+  EXPECT_EQ(bc20_colgroup_set_store(s, 7), 7);
+  EXPECT_EQ(s->store_id, 7);
+  EXPECT_EQ(bc20_colgroup_add_file(s, 4), file);
+  bc20_colgroup_add_column(s, column(1), "a");
+  EXPECT_EQ(s->columns[0]->scolgroup, s);
+  auto* scg = static_cast<bc20_scg*>(s->impl);
+  EXPECT_EQ(scg->file_nr, 4);
+  bc20_colgroup* other = group(bc20_colgroup_storage, 3, 1, root);
+  EXPECT_DEATH(bc20_colgroup_set_store(other, 7), Esc("assertion \"scol_unbound\" failed"));
+  EXPECT_DEATH(bc20_colgroup_set_store(s, 7), Esc("assertion \"scg->scol == NULL\" failed"));
+  EXPECT_DEATH(bc20_colgroup_add_file(s, 4),
+               Esc("assertion \"cs_file && scg->file_nr < 0\" failed"));
+  EXPECT_DEATH(bc20_colgroup_add_file(other, 5),
+               Esc("assertion \"cs_file && scg->file_nr < 0\" failed"));
+  bc20_colgroup_free(root);
+  EXPECT_EQ(iobm_get_scolumn(bc20_iobm, 7), nullptr);
+  EXPECT_EQ(columnspace_get_file(cs, 4), nullptr);  // its last reference went with the group
+  iobm_destroy(bc20_iobm);
+  bc20_iobm = nullptr;
+  cvconfig_destroy(config);
+}
+
+// Random trees of three levels against their invariants: every column of a child stands in its
+// parent at its recorded position (or -1 once gone), and a column's reference count is the
+// number of places that hold it.
+TEST_F(Bc20Model, RandomGroupTreesKeepTheirInvariants) {
+  std::mt19937_64 rng(19);
+  for (int round = 0; round < 20; round++) {
+    bc20_colgroup* root = group(bc20_colgroup_logical, 1, 4, nullptr);
+    std::vector<bc20_column*> cols;
+    for (int k = 0; k < 12; k++) cols.push_back(bc20_column_ref(column(k)));
+    int64_t next_id = 2;
+    auto all = [&] {
+      std::vector<bc20_colgroup*> v{root};
+      for (size_t i = 0; i < v.size(); i++)
+        for (int32_t k = 0; k < v[i]->n_children; k++) v.push_back(v[i]->children[k]);
+      return v;
+    };
+    auto check = [&] {
+      std::vector<int> held(cols.size(), 1);  // the test's own reference
+      for (bc20_colgroup* g : all()) {
+        for (int32_t i = 0; i < g->n_columns; i++) {
+          held[static_cast<size_t>(g->columns[i]->id)]++;
+          if (g->parent == nullptr) continue;
+          int32_t p = g->parent_positions[i];
+          int32_t real = -1;
+          for (int32_t j = 0; j < g->parent->n_columns && real < 0; j++)
+            if (g->parent->columns[j] == g->columns[i]) real = j;
+          ASSERT_EQ(p, real) << "round " << round;
+        }
+      }
+      for (size_t k = 0; k < cols.size(); k++) ASSERT_EQ(cols[k]->refcnt, held[k]);
+    };
+    for (int step = 0; step < 200; step++) {
+      std::vector<bc20_colgroup*> groups = all();
+      bc20_colgroup* g = groups[rng() % groups.size()];
+      bc20_column* c = cols[rng() % cols.size()];
+      switch (rng() % 4) {
+        case 0: {
+          int depth = 0;
+          for (bc20_colgroup* p = g; p->parent != nullptr; p = p->parent) depth++;
+          if (depth < 2)
+            group(bc20_colgroup_null, next_id++, 1 + static_cast<int32_t>(rng() % 3), g);
+          break;
+        }
+        case 1:
+          bc20_colgroup_add_column(g, c, ("n" + std::to_string(c->id)).c_str());
+          break;
+        case 2:
+          if (root->n_children > 0)
+            bc20_colgroup_drop_child(mem_, root, root->children[rng() % root->n_children]->id);
+          break;
+        default:
+          if (g != root && rng() % 3 == 0) bc20_colgroup_free(g);
+          break;
+      }
+      check();
+      if (HasFatalFailure()) return;
+    }
+    bc20_colgroup_free(root);
+    for (bc20_column* c : cols) bc20_column_unref(c);
+  }
+}
+
+// ---- tables and indexes ----
+
+TEST_F(Bc20Model, IncomingJoinIndexSlotsStayStable) {
+  bc20_table* t = table(1, "t");
+  EXPECT_EQ(bc20_table_add_incoming_joinindex(t, "j1"), 0);
+  EXPECT_EQ(bc20_table_add_incoming_joinindex(t, "j2"), 0);
+  EXPECT_EQ(bc20_table_del_incoming_joinindex(t, "j1"), 0);
+  std::string err = err_of([&] { EXPECT_EQ(bc20_table_del_incoming_joinindex(t, "j1"), -1); });
+  EXPECT_EQ(err, "# WARN:CATALOG:trying to delete non-existing incoming joinindex: j1\n");
+  for (int k = 3; k <= 6; k++)
+    bc20_table_add_incoming_joinindex(t, ("j" + std::to_string(k)).c_str());
+  EXPECT_EQ(t->n_incoming_slots, 6);
+  EXPECT_EQ(t->n_incoming, 5);
+  EXPECT_EQ(t->incoming_joinindexes[0], nullptr);
+  EXPECT_STREQ(t->incoming_joinindexes[5], "j6");
+}
+
+TEST_F(Bc20Model, TableSearchesIndexesAndGroups) {
+  bc20_table* t = table(1, "t", 3);
+  EXPECT_EQ(bc20_table_index_by_name(t, "k"), nullptr);
+  EXPECT_EQ(bc20_table_joinindex_name(t), nullptr);
+  bc20_index* sk = index(t, 0, 7, "k", nullptr, {2, 0});
+  EXPECT_EQ(sk->itype, bc20_idx_sortkey);
+  EXPECT_EQ(bc20_table_index_by_type_name(t, "sortkey"), sk);
+  EXPECT_STREQ(sk->table_name, "t");
+  bc20_colgroup* s = group(bc20_colgroup_null, 2, 1, t->colgroup);
+  bc20_colgroup* n = group(bc20_colgroup_null, 3, 1, s);
+  bc20_colgroup* deep = group(bc20_colgroup_null, 4, 1, n);
+  EXPECT_EQ(bc20_table_colgroup_by_id(t, 3), n);
+  EXPECT_EQ(bc20_table_colgroup_by_id(t, 4), nullptr);
+  EXPECT_EQ(bc20_catalog_table_by_colgroup_id(cat_, 3), t);
+  EXPECT_EQ(bc20_catalog_table_by_colgroup_id(cat_, deep->id), nullptr);
+  const ptype* types[4] = {};
+  int32_t pos[] = {2, 0};
+  EXPECT_EQ(bc20_table_column_types(t, types, nullptr, 4), 3);
+  EXPECT_EQ(bc20_table_column_types(t, types, pos, 2), 2);
+  int32_t past[] = {3};
+  EXPECT_EQ(bc20_table_column_types(t, types, past, 1), -1);
+  int64_t n_out = -1;
+  int32_t* keys = bc20_catalog_sortkey_columns(cat_, mem_, 0, &n_out);
+  ASSERT_EQ(n_out, 2);
+  EXPECT_EQ(keys[0], 2);
+  EXPECT_EQ(keys[1], 0);
+  EXPECT_EQ(keys[2], 0);
+  bc20_table_del_index(t, sk);
+  EXPECT_EQ(bc20_catalog_sortkey_columns(cat_, mem_, 0, &n_out), nullptr);
+  EXPECT_EQ(n_out, 0);
+}
+
+// An index's storage group hangs below its own group: the release frees each group once (the
+// sanitizer build sees a second release) and a held column lives until its last holder goes.
+TEST_F(Bc20Model, IndexReleaseFreesEachGroupOnce) {
+  bc20_table* t = table(1, "t", 2);
+  bc20_column* c = t->colgroup->columns[0];
+  bc20_colgroup* icg = group(bc20_colgroup_logical, 50, 1, nullptr);
+  bc20_colgroup* j = group(bc20_colgroup_null, 51, 1, icg);
+  bc20_colgroup_add_column(j, c, "c1");
+  bc20_index* i = bc20_index_create(bc20_idx_uniquekey, icg, j);
+  i->id = 5;
+  bc20_table_add_index(t, "t", i, "u");
+  EXPECT_EQ(c->refcnt, 3);
+  bc20_colgroup_free(t->colgroup);  // the root goes first, as in a table's release
+  t->colgroup = group(bc20_colgroup_logical, 60, 1, nullptr);
+  EXPECT_EQ(c->refcnt, 2);
+  const char* name = nullptr;
+  EXPECT_EQ(bc20_catalog_column_by_id(cat_, c->id, &name), c);
+  EXPECT_STREQ(name, "c1");
+  bc20_table_del_index(t, i);
+  EXPECT_EQ(bc20_catalog_column_by_id(cat_, 101, &name), nullptr);
+}
+
+// ---- the catalog ----
+
+TEST_F(Bc20Model, CatalogMessages) {
+  log_.use("default=debug");
+  std::string err = err_of([&] {
+    bc20_table* t = table(1, "t");
+    bc20_table* again = bc20_table_create(group(bc20_colgroup_logical, 9, 1, nullptr));
+    EXPECT_EQ(bc20_catalog_add_table(cat_, again, "t"), -1);
+    bc20_table_destroy(again);
+    EXPECT_EQ(bc20_catalog_add_table(cat_, t, ""), -1);
+    bc20_index* k = index(t, bc20_idx_primarykey, 2, "pk");
+    EXPECT_EQ(catalog_get_referenced_table_from_joinindex(cat_, k), -1);
+    EXPECT_EQ(catalog_get_referenced_table_from_foreignkey(cat_, k), -1);
+    bc20_table_add_incoming_joinindex(t, "j");
+    EXPECT_EQ(bc20_catalog_add_location(cat_, "l", nullptr, 1, 0), 2);
+    EXPECT_EQ(bc20_catalog_add_location(cat_, "l", "/p", 1, 2), -1);
+    EXPECT_EQ(bc20_catalog_add_location(cat_, "", "/p", 1, 7), -1);
+    EXPECT_EQ(bc20_catalog_del_location(cat_, 2), 0);
+    EXPECT_EQ(bc20_catalog_del_table(cat_, 1), 0);
+    EXPECT_EQ(bc20_catalog_del_table(cat_, 1), -1);
+  });
+  log_.use(nullptr);
+  EXPECT_EQ(err,
+            "#CATALOG:added table t id=1\n"
+            "ERROR:CATALOG:table already exists: t\n"
+            "ERROR:CATALOG:catalog_get_referenced_table_from_joinindex: not a joinindex\n"
+            "ERROR:CATALOG:catalog_get_referenced_table_from_foreignkey: not a foreign key\n"
+            "#CATALOG:registered incoming joinindex j with table 1\n"
+            "#CATALOG:added location l id=2 refcnt=1\n"
+            "ERROR:CATALOG:location already exists: l\n"
+            "#CATALOG:deleted location l id=2 refcnt=1\n"
+            "#CATALOG:deleted table t id=1\n");
+}
+
+TEST_F(Bc20Model, KeysAndJoinIndexesFindTheReferencedTable) {
+  bc20_table* a = table(1, "a");
+  bc20_table* b = table(2, "b");
+  index(a, bc20_idx_primarykey, 10, "a_pk");
+  index(b, bc20_idx_foreignkey, 20, "b_fk", "a_pk");
+  bc20_index* j = index(b, bc20_idx_join, 21, "b_j", "b_fk");
+  EXPECT_EQ(catalog_get_referenced_table_from_joinindex(cat_, j), 0);
+  EXPECT_EQ(bc20_catalog_referenced_table_nr_by_joinindex_name(cat_, "b_j"), 0);
+  int64_t n = 0;
+  int64_t* fks = bc20_catalog_foreignkey_ids(cat_, 2, mem_, &n);
+  ASSERT_EQ(n, 1);
+  EXPECT_EQ(fks[0], 20);
+  bc20_table_add_incoming_joinindex(a, "b_j");
+  EXPECT_EQ(bc20_catalog_del_incoming_joinindex(cat_, 0, "b_j", 1), 0);
+  bc20_index* dangling = index(b, bc20_idx_join, 22, "b_j2", "nothing");
+  EXPECT_DEATH(catalog_get_referenced_table_from_joinindex(cat_, dangling),
+               Esc("assertion \"fk\" failed"));
+}
+
+TEST_F(Bc20Model, LocationsByIdAndName) {
+  int64_t none = -1;
+  EXPECT_EQ(bc20_catalog_location_ids(cat_, mem_, &none), nullptr);
+  EXPECT_EQ(none, 0);
+  EXPECT_EQ(bc20_catalog_add_location(cat_, "x", "/a", 1, 5), 5);
+  EXPECT_EQ(bc20_catalog_add_location(cat_, "x", "/b", 2, 6), 6);  // names may repeat
+  EXPECT_EQ(bc20_catalog_location_id_by_name(cat_, "x"), 5);
+  EXPECT_EQ(bc20_catalog_location_nr_by_id(cat_, -1), -1);
+  EXPECT_EQ(bc20_catalog_location_path(cat_, -3), nullptr);
+  EXPECT_EQ(bc20_catalog_location_usage(cat_, 6), 2);
+  bc20_catalog_set_location_usage(cat_, 6, 3);
+  EXPECT_TRUE(bc20_catalog_set_location_path(cat_, 6, "/c"));
+  EXPECT_STREQ(bc20_catalog_location_path(cat_, 6), "/c");
+  bc20_catalog_del_location(cat_, 5);
+  EXPECT_EQ(bc20_catalog_location_id_by_name(cat_, "x"), 6);
+  int64_t n = 0;
+  int64_t* ids = bc20_catalog_location_ids(cat_, mem_, &n);
+  ASSERT_EQ(n, 1);
+  EXPECT_EQ(ids[0], 6);
+  EXPECT_DEATH(bc20_catalog_set_location_usage(cat_, 5, 1), Esc("assertion \"location\" failed"));
+  EXPECT_DEATH(bc20_catalog_set_location_path(cat_, 9, "/"), Esc("assertion \"location\" failed"));
+}
+
+// Every lookup of the catalog against the plain scan of its live slots in order, over a random
+// history with repeated ids and names, deletes and groups that come and go.
+TEST_F(Bc20Model, RandomCatalogLookupsMatchTheSlotScan) {
+  std::mt19937_64 rng(4);
+  const char* names[] = {"a", "_a", "_xSa", "_yS", "_", "b", "_b", "_zSb"};
+  auto scan = [&](const std::function<bool(bc20_table*, uint32_t)>& hit) -> int64_t {
+    for (uint32_t k = 0; k < cat_->n_tables; k++)
+      if (cat_->tables[k] != nullptr && hit(cat_->tables[k], k)) return k;
+    return -1;
+  };
+  auto scan_name = [&](const char* name) -> int64_t {
+    int64_t nr =
+        scan([&](bc20_table*, uint32_t k) { return strcmp(cat_->table_names[k], name) == 0; });
+    const char* s = strchr(name, 'S');
+    if (nr >= 0 || name[0] != '_' || s == nullptr) return nr;
+    return scan([&](bc20_table*, uint32_t k) {
+      return cat_->table_names[k][0] == '_' && strcmp(cat_->table_names[k] + 1, s + 1) == 0;
+    });
+  };
+  int64_t next_group = 1000;
+  for (int step = 0; step < 3000; step++) {
+    int64_t live = scan([](bc20_table*, uint32_t) { return true; });
+    switch (rng() % 6) {
+      case 0:
+      case 1: {
+        bc20_colgroup* root =
+            group(bc20_colgroup_logical, static_cast<int64_t>(rng() % 12), 2, nullptr);
+        int ncols = 1 + static_cast<int>(rng() % 12);  // wide roots are searched through a lookup
+        for (int k = 0; k < ncols; k++)
+          bc20_colgroup_add_column(root, column(static_cast<int64_t>(rng() % 20)),
+                                   ("c" + std::to_string(k)).c_str());
+        bc20_table* t = bc20_table_create(root);
+        t->table_id = static_cast<int64_t>(rng() % 10);
+        err_of([&] {
+          if (bc20_catalog_add_table(cat_, t, names[rng() % 8]) < 0) bc20_table_destroy(t);
+        });
+        break;
+      }
+      case 2:
+        if (live >= 0) bc20_catalog_del_table(cat_, static_cast<int64_t>(rng() % 10));
+        break;
+      case 3:
+        if (live >= 0) {
+          bc20_table* t = cat_->tables[rng() % cat_->n_tables];
+          if (t != nullptr) {
+            bc20_colgroup* g = group(bc20_colgroup_logical, next_group++, 1, nullptr);
+            bc20_colgroup_add_column(g, column(static_cast<int64_t>(rng() % 20)), "ic");
+            bc20_index* i = bc20_index_create(bc20_idx_uniquekey, g, nullptr);
+            i->id = static_cast<int64_t>(rng() % 8);
+            bc20_table_add_index(t, "t", i, names[rng() % 8]);
+          }
+        }
+        break;
+      case 4:
+        if (live >= 0) {
+          bc20_table* t = cat_->tables[rng() % cat_->n_tables];
+          if (t != nullptr && t->n_indexes > 0)
+            bc20_table_del_index(t, t->indexes[rng() % t->n_indexes]);
+        }
+        break;
+      default:
+        if (live >= 0) {
+          bc20_table* t = cat_->tables[rng() % cat_->n_tables];
+          if (t == nullptr) break;
+          bc20_colgroup* root = t->colgroup;
+          if (root->n_children > 0 && rng() % 2 == 0) {
+            bc20_colgroup_drop_child(mem_, root, root->children[rng() % root->n_children]->id);
+          } else {
+            bc20_colgroup* parent = root->n_children > 0 && rng() % 2 ? root->children[0] : root;
+            bc20_colgroup* g =
+                group(bc20_colgroup_null, static_cast<int64_t>(rng() % 12), 1, parent);
+            bc20_colgroup_add_column(g, column(static_cast<int64_t>(rng() % 20)), "g");
+          }
+        }
+        break;
+    }
+    for (int64_t id = 0; id < 20; id++) {
+      int64_t nr = scan([&](bc20_table* t, uint32_t) { return t->table_id == id; });
+      ASSERT_EQ(bc20_catalog_table_nr_by_id(cat_, id), nr) << "step " << step;
+      bc20_table* by_group = nr < 0 && false ? nullptr : nullptr;
+      int64_t g = scan(
+          [&](bc20_table* t, uint32_t) { return bc20_table_colgroup_by_id(t, id) != nullptr; });
+      by_group = g < 0 ? nullptr : cat_->tables[g];
+      ASSERT_EQ(bc20_catalog_table_by_colgroup_id(cat_, id), by_group) << "step " << step;
+      int64_t r = scan([&](bc20_table* t, uint32_t) { return t->colgroup->id == id; });
+      ASSERT_EQ(bc20_catalog_root_colgroup_by_id(cat_, id),
+                r < 0 ? nullptr : cat_->tables[r]->colgroup);
+      const char* want_name = nullptr;
+      bc20_column* want = nullptr;
+      scan([&](bc20_table* t, uint32_t) {
+        return (want = bc20_table_column_by_id(t, id, &want_name)) != nullptr;
+      });
+      const char* got_name = nullptr;
+      ASSERT_EQ(bc20_catalog_column_by_id(cat_, id, &got_name), want) << "step " << step;
+      ASSERT_EQ(got_name, want_name);
+      int64_t ix =
+          scan([&](bc20_table* t, uint32_t) { return bc20_table_index_by_id(t, id) != nullptr; });
+      ASSERT_EQ(bc20_catalog_index_by_id(cat_, id),
+                ix < 0 ? nullptr : bc20_table_index_by_id(cat_->tables[ix], id));
+      ASSERT_EQ(bc20_catalog_index_name_by_id(cat_, id),
+                ix < 0 ? nullptr : bc20_table_index_name_by_id(cat_->tables[ix], id));
+    }
+    for (const char* name : names) {
+      ASSERT_EQ(bc20_catalog_table_nr_by_name(cat_, name), scan_name(name)) << name;
+      int64_t ix = scan(
+          [&](bc20_table* t, uint32_t) { return bc20_table_index_by_name(t, name) != nullptr; });
+      ASSERT_EQ(bc20_catalog_index_by_name(cat_, name),
+                ix < 0 ? nullptr : bc20_table_index_by_name(cat_->tables[ix], name));
+    }
+  }
+  int64_t n = 0;
+  int64_t* ids = bc20_catalog_table_ids(cat_, mem_, &n);
+  int64_t k = 0;
+  scan([&](bc20_table* t, uint32_t) {
+    EXPECT_EQ(ids[k++], t->table_id);
+    return false;
+  });
+  EXPECT_EQ(k, n);
+}
+
+TEST_F(Bc20Model, TableSlotsDoubleAndAreNeverReused) {
+  for (int64_t k = 0; k < 1025; k++) table(k + 1, "t" + std::to_string(k), 1);
+  EXPECT_EQ(cat_->tables_size, 2048u);
+  EXPECT_EQ(cat_->tables[1025], nullptr);
+  EXPECT_EQ(bc20_catalog_table_nr_by_name(cat_, "t1024"), 1024);
+  bc20_catalog_del_table(cat_, 1);
+  table(5000, "t0", 1);
+  EXPECT_EQ(bc20_catalog_table_nr_by_name(cat_, "t0"), 1025);
+  EXPECT_EQ(cat_->tables[0], nullptr);
+}
+
+// ---- minmax and join index records ----
+
+struct IndexCase {
+  const char* what;
+  bc20_action action;
+  int rc;
+  const char* err;
+};
+
+TEST_F(Bc20Model, IndexRecordsAndTheirMessages) {
+  bc20_table* t = table(1, "t", 2);
+  bc20_column* s = column(150, PTYPE_STR);
+  bc20_colgroup_add_column(t->colgroup, s, "s");
+  index(t, bc20_idx_minmax, 3, "mm", nullptr, {0, 2});
+  index(t, bc20_idx_join, 4, "jj", nullptr, {0});
+  int32_t fixed32[4] = {1, 2, 30, 40};  // two groups of sint: minima 1 2, maxima 30 40
+  char var[16 * 2 + 6];
+  int64_t lens[4] = {1, 2, 0, 3};
+  memcpy(var, lens, 32);
+  memcpy(var + 32, "abbxyz", 6);
+  int64_t words[3] = {7, 8, 9};
+  char ovf[20];
+  int64_t olens[2] = {1, 3};
+  memcpy(ovf, olens, 16);
+  memcpy(ovf + 16, "lmno", 4);
+  auto overflow = [&var](int64_t size, void* p) {
+    bc20_action a{};
+    a.type = bc20_minmax_vardata;
+    a.minmax_vardata = {3, 1, 38, var, 1, size, p};
+    return a;
+  };
+  auto size = [](int64_t id, int64_t maxg, int64_t nt, int64_t gs) {
+    bc20_action a{};
+    a.type = bc20_minmax_size;
+    a.minmax_size = {id, maxg, nt, gs};
+    return a;
+  };
+  auto data = [](uint32_t tag, int32_t col, int64_t n, void* p) {
+    bc20_action a{};
+    a.type = tag;
+    a.minmax_data = {3, col, n, p, 0, 0, nullptr};
+    return a;
+  };
+  auto jis = [](uint32_t tag, int64_t id, int32_t col, int64_t n, void* p) {
+    bc20_action a{};
+    a.type = tag;
+    if (tag == bc20_jis_size)
+      a.jis_size = {id, 4, n, 1};
+    else
+      a.jis_data = {id, col, n, p};
+    return a;
+  };
+  const IndexCase cases[] = {
+      {"unknown index", size(9, 4, 4, 2), 0, "ERROR:CATALOG:bad index id (9)\n"},
+      {"not a minmax", size(4, 4, 4, 2), 0, "ERROR:CATALOG:bad index id (4)\n"},
+      {"too many groups", size(3, 2, 5, 2), 0, "ERROR:CATALOG:too many groups in logged index\n"},
+      {"exactly full", size(3, 2, 4, 2), 1, ""},
+      {"bad column", data(bc20_minmax_data, 2, 16, fixed32), 0,
+       "ERROR:CATALOG:bad column number\n"},
+      {"fixed as var", data(bc20_minmax_vardata, 0, 16, fixed32), 0,
+       "ERROR:CATALOG:bad stored data type\n"},
+      {"fixed size", data(bc20_minmax_data, 0, 12, fixed32), 0,
+       "ERROR:CATALOG:Bad stored data size 12 (should be 16)\n"},
+      {"fixed", data(bc20_minmax_data, 0, 16, fixed32), 1, ""},
+      {"var table", data(bc20_minmax_vardata, 1, 31, var), 0,
+       "ERROR:CATALOG:Bad stored data size 31 (should be >=32)\n"},
+      {"var short", data(bc20_minmax_vardata, 1, 37, var), 0,
+       "ERROR:CATALOG:bad stored data size\n"},
+      {"var", data(bc20_minmax_vardata, 1, 38, var), 1, ""},
+      {"overflow short", overflow(15, ovf), 0,
+       "ERROR:CATALOG:minmax overflow: bad data size 15 (should be >=16)\n"},
+      {"overflow lengths", overflow(19, ovf), 0, "ERROR:CATALOG:bad stored overflow data size\n"},
+      {"overflow", overflow(20, ovf), 1, ""},
+      {"jis too many", jis(bc20_jis_size, 4, 0, 5, nullptr), 1,
+       "ERROR:CATALOG:jis_action_handler: too many groups in logged index\n"},
+      {"jis unknown", jis(bc20_jis_size, 3, 0, 2, nullptr), 0,
+       "ERROR:CATALOG:jis_action_handler: bad index id (3)\n"},
+      {"jis size", jis(bc20_jis_size, 4, 0, 2, nullptr), 1, ""},
+      {"jis count", jis(bc20_jis_data, 4, 0, 2, words), 1,
+       "ERROR:CATALOG:jis_action_handler: number of groups in data doesn't match number of groups "
+       "in index\n"},
+      {"jis column", jis(bc20_jis_data, 4, 3, 3, words), 1,
+       "ERROR:CATALOG:jis_action_handler: wrong column type stored in index\n"},
+      {"jis data", jis(bc20_jis_data, 4, 1, 3, words), 1, ""},
+  };
+  for (const IndexCase& k : cases) {
+    bc20_action a = k.action;
+    int rc = -1;
+    std::string err = err_of(
+        [&] { rc = bc20_minmax_action_handler(nullptr, &a) && jis_action_handler(nullptr, &a); });
+    EXPECT_EQ(rc, k.rc) << k.what;
+    EXPECT_EQ(err, k.err) << k.what;
+  }
+  auto* mm = static_cast<bc20_minmax*>(bc20_catalog_index_by_id(cat_, 3)->impl);
+  EXPECT_EQ(static_cast<int32_t*>(mm->maxs[0])[1], 40);
+  EXPECT_STREQ(static_cast<char**>(mm->mins[1])[1], "");
+  EXPECT_STREQ(static_cast<char**>(mm->maxs[1])[1], "xyz");
+  EXPECT_STREQ(*static_cast<char**>(mm->overflow_maxs[1]), "mno");
+  // Written back as 2.5 actions: the same sizes and bytes as were logged.
+  bc20_index* mi = bc20_catalog_index_by_id(cat_, 3);
+  bm_logger_action_list* l = mi->generate(mi->impl, 3, mem_);
+  std::vector<int32_t> tags;
+  for (bm_logger_action* a = l->head; a != nullptr; a = a->next) tags.push_back(a->type);
+  ASSERT_EQ(tags, (std::vector<int32_t>{BM_MINMAX_SIZE, BM_MINMAX_DATA, BM_MINMAX_VARDATA}));
+  EXPECT_EQ(l->head->minmax_size.numtuples, 4);
+  const bm_minmax_data_fields& fd = l->head->next->minmax_data;
+  ASSERT_EQ(fd.datasize, 16);
+  EXPECT_EQ(memcmp(fd.data, fixed32, 16), 0);
+  const bm_minmax_data_fields& vd = l->head->next->next->minmax_vardata;
+  ASSERT_EQ(vd.datasize, 38);
+  EXPECT_EQ(memcmp(vd.data, var, 38), 0);
+  bc20_index* ji = bc20_catalog_index_by_id(cat_, 4);
+  l = ji->generate(ji->impl, 4, mem_);
+  std::vector<int64_t> words_out;
+  for (bm_logger_action* a = l->head->next; a != nullptr; a = a->next) {
+    ASSERT_EQ(a->jis_data.numgroups, 3);
+    words_out.insert(words_out.end(), a->jis_data.data, a->jis_data.data + 3);
+  }
+  EXPECT_EQ(words_out, (std::vector<int64_t>{0, 0, 0, 7, 8, 9, 0, 0, 0}));
+}
+
+// ---- the location map ----
+
+struct MapCase {
+  const char* what;
+  std::string text;
+  int64_t rc;
+  const char* err;     // %s: the map file's name
+  std::string path_a;  // "-": none
+  std::string path_b = "/old";
+  int64_t failing_read = 0;  // the read of the seam that fails, 0 for none
+};
+
+TEST_F(Bc20Model, LocationMapLinesAndFailures) {
+  j480test::TempDir tmp;
+  std::string file = tmp.file("location_map");
+  std::string e1023(1023, 'p'), at510(510, 'q');
+  const MapCase cases[] = {
+      {"empty", "", 0, "", "-"},
+      {"two lines, last wins", "a,/x\nb,/y\na,/z\n", 3, "", "/z", "/y"},
+      {"unknown skipped", "zz,/q\na,/x\n,\n", -1,
+       "ERROR:LOGGER:bm_logger_replay_location_map: zero-length element on line 1 in map file "
+       "'%s'\n",
+       "/x"},
+      {"blank line", "\n", -1,
+       "ERROR:LOGGER:bm_logger_replay_location_map: zero-length element on line 0 in map file "
+       "'%s'\n",
+       "-"},
+      {"empty path", "a,\n", -1,
+       "ERROR:LOGGER:bm_logger_replay_location_map: zero-length element on line 0 in map file "
+       "'%s'\n",
+       "-"},
+      {"two commas", "a,/x\na,b,c\n", -1,
+       "ERROR:LOGGER:bm_logger_replay_location_map: more than one element separator (,) on line 1 "
+       "in map file '%s'\n",
+       "/x"},
+      {"no comma", "a\n", -1,
+       "ERROR:LOGGER:bm_logger_replay_location_map: missing element on line 0 in map file '%s'\n",
+       "-"},
+      {"1023 bytes", "a," + e1023 + "\n", 1, "", e1023},
+      {"1024 bytes", "a," + e1023 + "p\n", -1,
+       "ERROR:LOGGER:bm_logger_replay_location_map: element on line 0 in map file '%s' too long "
+       "(longer than 1023)\n",
+       "-"},
+      {"across pieces", "a," + at510 + "\n", 1, "", at510},
+      {"read error", "a,/x\nb," + at510 + "\n", -1, "", "/x", "/old", 2},
+      {"no final line feed", "a,/x\nb,/y", 1,
+       "ERROR:LOGGER:bm_logger_replay_location_map: incomplete last line 1 in map file '%s'\n",
+       "/x"},
+  };
+  for (const MapCase& k : cases) {
+    bc20_catalog_destroy(cat_);
+    cat_ = bc20_catalog_create();
+    bc20_catalog_add_location(cat_, "a", nullptr, 1, 3);
+    bc20_catalog_add_location(cat_, "b", "/old", 1, 4);
+    j480test::write_file(file, k.text);
+    stream* s = open_text_read_stream(file.c_str());
+    int64_t rc = 0;
+    std::string err = err_of([&] {
+      if (k.failing_read > 0) px_fault_arm(k.failing_read, EIO);
+      rc = bm_logger_replay_location_map(s, cat_);
+      px_fault_disarm();
+    });
+    stream_close_destroy(s);
+    std::string want = k.err;
+    size_t at = want.find("%s");
+    if (at != std::string::npos) want.replace(at, 2, file);
+    EXPECT_EQ(rc, k.rc) << k.what;
+    EXPECT_EQ(err, want) << k.what;
+    const char* a = bc20_catalog_location_path(cat_, 3);
+    EXPECT_EQ(a != nullptr ? a : "-", k.path_a) << k.what;
+    EXPECT_STREQ(bc20_catalog_location_path(cat_, 4), k.path_b.c_str()) << k.what;
+  }
+}
+
+}  // namespace
