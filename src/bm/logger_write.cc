@@ -388,8 +388,14 @@ bm_logger* bm_logger_create(stream* s) {
   auto* l = static_cast<bm_logger*>(calloc(1, sizeof(bm_logger)));
   if (l == nullptr) return nullptr;
   wal_version = BM_LOGGER_VERSION_25;
+  // A new file holds the mark alone and takes the version word. A position that can't be read
+  // would leave a new file without its word, and a log that no reader takes: refused.
   int64_t position = -1;
-  if (stream_getpos(s, &position) == 0 && position == 2) {
+  if (stream_getpos(s, &position) != 0) {
+    free(l);
+    return nullptr;
+  }
+  if (position == 2) {
     if (!stream_write_lng(s, wal_version) || stream_flush(s) != 0) {
       free(l);
       return nullptr;
