@@ -26,19 +26,6 @@ void point_nodes(pdt* pdt, char* base, uint32_t from, uint32_t to) {
     pdt->nodes[i] = reinterpret_cast<uint32_t*>(base + uint64_t(i - from) * pdt->node_size);
 }
 
-char* align64(void* p) {
-  return reinterpret_cast<char*>((reinterpret_cast<uintptr_t>(p) + 63) & ~uintptr_t(63));
-}
-
-pdt* pdt_alloc(MemContext* mem, int is_global) {
-  MemContext* own = is_global ? mem_context_create_concurrent(mem, "global_pdt_mem")
-                              : mem_context_create(mem, "trans_pdt_mem");
-  auto* t = static_cast<pdt*>(mem_calloc(own, sizeof(pdt)));
-  t->mem = own;
-  t->refcnt = 1;
-  return t;
-}
-
 // The common descent: compares in RID space (with the running delta) or in SID space.
 template <bool kByRid, bool kStopOnEqual>
 uint32_t descend(const pdt* pdt, int64_t target, int64_t* delta, bool* on_sep) {
@@ -69,6 +56,23 @@ uint32_t descend(const pdt* pdt, int64_t target, int64_t* delta, bool* on_sep) {
 
 }  // namespace
 
+char* pdt_align64(void* p) {
+  return reinterpret_cast<char*>((reinterpret_cast<uintptr_t>(p) + 63) & ~uintptr_t(63));
+}
+
+pdt* pdt_alloc(MemContext* mem, int is_global) {
+  MemContext* own = is_global ? mem_context_create_concurrent(mem, "global_pdt_mem")
+                              : mem_context_create(mem, "trans_pdt_mem");
+  auto* t = static_cast<pdt*>(mem_calloc(own, sizeof(pdt)));
+  t->mem = own;
+  t->refcnt = 1;
+  return t;
+}
+
+void pdt_point_nodes(pdt* pdt, char* base, uint32_t from, uint32_t to) {
+  point_nodes(pdt, base, from, to);
+}
+
 pdt* pdt_create(MemContext* mem, int is_global, uint32_t fan_out, uint32_t max_nodes,
                 const ptype* const* coltypes, uint32_t ncols, const uint32_t* key_cols,
                 uint32_t n_key_cols, const uint32_t* uk_cols, uint32_t n_uk_cols,
@@ -88,7 +92,7 @@ pdt* pdt_create(MemContext* mem, int is_global, uint32_t fan_out, uint32_t max_n
   pdt->nodes = static_cast<uint32_t**>(mem_calloc(pdt->mem, sizeof(uint32_t*) * uint64_t(max_nodes)));
   const uint64_t bytes = uint64_t(pdt->node_size) * max_nodes + 63;
   pdt->data_block[0] = mem_mallocex(pdt->mem, bytes, J480_MEM_ALLOWFAILURE | J480_MEM_LARGE);
-  pdt->data_block_ptr[0] = pdt->data_block[0] ? align64(pdt->data_block[0]) : nullptr;
+  pdt->data_block_ptr[0] = pdt->data_block[0] ? pdt_align64(pdt->data_block[0]) : nullptr;
   J480_ASSERT(PDT_MODULE, pdt->data_block_ptr[0]);
   pdt->data_block_size[0] = static_cast<int64_t>(bytes);
   pdt->n_data_blocks = 1;
@@ -121,6 +125,7 @@ pdt* pdt_create(MemContext* mem, int is_global, uint32_t fan_out, uint32_t max_n
   pdt->ops.add_modify = pdt_add_modify;
   pdt->ops.add_delete = pdt_add_delete;
   pdt->ops.add_delete_by_sid = pdt_add_delete_by_sid;
+  pdt_set_whole_tree_ops(pdt);
   pdt->ops.unref = pdt_unref;
   return pdt;
 }
@@ -158,7 +163,7 @@ int pdt_grow(pdt* pdt) {
   const uint64_t bytes = uint64_t(new_max - pdt->max_nodes) * pdt->node_size + 63;
   const uint32_t b = pdt->n_data_blocks;
   pdt->data_block[b] = mem_mallocex(pdt->mem, bytes, J480_MEM_LARGE);
-  pdt->data_block_ptr[b] = align64(pdt->data_block[b]);
+  pdt->data_block_ptr[b] = pdt_align64(pdt->data_block[b]);
   pdt->data_block_size[b] = static_cast<int64_t>(bytes);
   point_nodes(pdt, pdt->data_block_ptr[b], pdt->max_nodes, new_max);
   pdt->max_nodes = new_max;

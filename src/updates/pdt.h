@@ -58,8 +58,7 @@ inline int64_t PDT_EFFECT(uint64_t def) {
   return (int64_t(PDT_TYPE(def)) - 1) * (int64_t(PDT_HDR(def)) + 1);
 }
 
-// The thirteen operations of a tree, in slot order. The merge, copy and dump slots belong to
-// the whole-tree operations and stay null until those are built.
+// The thirteen operations of a tree, in slot order.
 struct pdt_ops {
   int (*add_insert)(pdt* t, int64_t rid, uint32_t offset);
   int (*add_modify)(pdt* t, int64_t rid, uint32_t offset, uint16_t colno);
@@ -183,6 +182,49 @@ void pdt_node_pull_from_left(pdt* t, uint32_t dst_idx, uint32_t src_idx);
 void pdt_node_merge(pdt* t, uint32_t dst_idx, uint32_t src_idx);
 int64_t pdt_remove_column_modifies(pdt* t, uint32_t colno);
 int64_t pdt_drop_increment_column(pdt* t, int64_t joinindex_id);
+
+// The scan cursor over a tree and the stable rows, owned by the caller.
+struct pdt_merge_state {
+  pdt_leaf leaf;
+  int32_t done;  // the cursor ran off the end of the chain
+  int32_t within_leaf_pos;
+  int64_t sid_lo;  // rid_lo - delta
+  int64_t rid_lo;
+  int64_t rid_hi;
+  int64_t delta;       // at the cursor
+  int64_t delete_pos;  // tuples into the block delete at the cursor
+  uint64_t scan_words[3];
+};
+
+// Whole trees (pdt_merge.cc).
+// A private copy in a new context under `mem`: all nodes in one data block, a copy of the value
+// space. Null when memory runs out.
+pdt* pdt_copy(MemContext* mem, int is_global, pdt* src);
+// Replays the entries of src on dst with their values: 0, or -1 after "pdt_apply_other_pdt: out
+// of memory", when dst may be half updated.
+int pdt_apply_other_pdt(pdt* dst, pdt* src, int with_delete_values);
+// True when `n` serial entries (12 bytes each, in RID order) with the values of `src` can be
+// replayed on `dst`: same columns, offsets within src, RIDs within the tree's range, counts that
+// fit. Nothing else checks them.
+bool pdt_serialized_entries_fit(const pdt* dst, const char* entries, int64_t n,
+                                const value_space* src);
+// Replays serial entries with the values of `src` on t, moving their offsets by the bases of the
+// merged values: 0. With src the tree's own space (values read straight into an empty tree) the
+// offsets stand as they are.
+int pdt_apply_serialized(pdt* t, const char* entries, int64_t n, const value_space* src);
+// The cursor at rid_lo, behind the deletes there: 0, or -1 after a message.
+int pdt_init_merge_state(pdt* t, pdt_merge_state* state, int64_t rid_lo, int64_t rid_hi);
+// For *produce tuples of output, the stable tuples to read (*consume, at most consume_max); may
+// lower *produce. The state is not moved.
+int merge_advance(pdt* t, pdt_merge_state* state, int64_t* produce, int64_t* consume,
+                  int64_t consume_max);
+int rid_to_sid_range(pdt* t, int64_t rid, int64_t* sid_lo, int64_t* sid_hi);
+// The change of delta from rid_lo to rid_hi, with the SIDs of both ends.
+int64_t rid_range_delta(pdt* t, int64_t rid_lo, int64_t rid_hi, int64_t* sid_lo, int64_t* sid_hi);
+int find_key_rid_range(pdt* t, int64_t sid, const void* const* key_vals, int64_t* rid_lo,
+                       int64_t* rid_hi);
+// Prints every leaf to standard output.
+void pdt_dump(pdt* t, int with_values);
 
 // Serial form (pdt.cc).
 int64_t pdt_serialized_size(const pdt* t);

@@ -120,6 +120,10 @@ uint32_t check_increment_col(const value_space* vs, uint32_t colno, const char* 
 }
 
 int64_t* inc_slot(char* array, uint32_t pos) { return reinterpret_cast<int64_t*>(array) + pos; }
+// Increments add up in two's complement: a sum past the range wraps, as the counter does.
+void add_increment(int64_t* slot, int64_t value) {
+  *slot = static_cast<int64_t>(static_cast<uint64_t>(*slot) + static_cast<uint64_t>(value));
+}
 
 }  // namespace
 
@@ -259,7 +263,7 @@ int64_t value_space_append_modifies(value_space* vs, uint32_t colno, const void*
 uint32_t value_space_increment_count(value_space* vs, uint32_t colno, uint32_t pos, int64_t value) {
   if (uint32_t r = check_increment_col(vs, colno, "value_space_increment_count")) return r;
   J480_ASSERT(VS_MODULE, pos < vs->n_inserts[colno]);
-  *inc_slot(vs->inserts[colno], pos) += value;
+  add_increment(inc_slot(vs->inserts[colno], pos), value);
   return 0;
 }
 
@@ -276,7 +280,7 @@ uint32_t value_space_increment_modify_inplace(value_space* vs, uint32_t colno, u
                                               int64_t value) {
   if (uint32_t r = check_increment_col(vs, colno, "value_space_increment_modify_inplace")) return r;
   J480_ASSERT(VS_MODULE, pos < vs->n_modifies[colno]);
-  *inc_slot(vs->modifies[colno], pos) += value;
+  add_increment(inc_slot(vs->modifies[colno], pos), value);
   return 0;
 }
 

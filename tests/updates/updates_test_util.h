@@ -1,6 +1,7 @@
 // Shared by the update tests: the kernel registries, a three-column schema (slng, str and one
 // increment column), the table image of a tree (stable rows merged with the leaf chain), a plain
-// reference image, and a reader of the serial form.
+// reference image, a reader of the serial form, and recorded random updates that can be made
+// again on another tree.
 #ifndef J480_TESTS_UPDATES_TEST_UTIL_H
 #define J480_TESTS_UPDATES_TEST_UTIL_H
 
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -234,6 +236,40 @@ inline std::string serialize(const pdt* t) {
   std::string buf(static_cast<size_t>(pdt_serialized_size(t)), '\0');
   EXPECT_EQ(pdt_serialize(t, buf.data(), int64_t(buf.size())), 0);
   return buf;
+}
+
+// Random updates over an image of `*size` rows (slng and str modifies, increments, inserts and
+// short deletes), recorded so that they can be made again on another tree.
+struct Op {
+  int kind;  // 0 insert, 1 modify, 2 increment, 3 delete
+  int64_t rid, n;
+  uint16_t col;
+  int64_t v0;
+  std::string v1;
+};
+inline std::vector<Op> random_ops(std::mt19937_64& rng, int n, int64_t* size) {
+  auto rnd = [&](int64_t k) { return k <= 0 ? 0 : int64_t(rng() % uint64_t(k)); };
+  std::vector<Op> ops;
+  for (int k = 0; k < n; k++) {
+    const int r = int(rnd(100));
+    Op op{0, rnd(*size + 1), 1, uint16_t(rnd(2)), int64_t(rng() % 100000), "x" + std::to_string(rnd(1000))};
+    if (r >= 35 && op.rid == *size) continue;
+    op.kind = r < 35 ? 0 : r < 60 ? 1 : r < 72 ? 2 : 3;
+    if (op.kind == 2) op.v0 = rnd(201) - 100;
+    if (op.kind == 3) op.n = std::min<int64_t>(1 + rnd(rnd(5) == 0 ? 100 : 3), *size - op.rid);
+    *size += op.kind == 0 ? 1 : op.kind == 3 ? -op.n : 0;
+    ops.push_back(op);
+  }
+  return ops;
+}
+inline void make(Tree* tree, const std::vector<Op>& ops) {
+  pdt* t = tree->t;
+  for (const Op& op : ops) {
+    if (op.kind == 0) pdt_add_insert(t, op.rid, tree->tuple(op.v0, op.v1.c_str()), nullptr, nullptr, 0);
+    if (op.kind == 1) pdt_add_modify(t, op.rid, tree->modify(op.col, op.v0, op.v1.c_str()), op.col);
+    if (op.kind == 2) pdt_add_increment(t, op.rid, kIncCol, op.v0);
+    if (op.kind == 3) pdt_add_delete(t, op.rid, op.n, -1);
+  }
 }
 
 }  // namespace ut

@@ -10,6 +10,7 @@
 #include "tools/wal_converter/bc20_column.h"
 #include "tools/wal_converter/bc20_index.h"
 #include "tools/wal_converter/bc20_table.h"
+#include "updates/pdt.h"
 #include "utils/cvlog.h"
 #include "utils/longjmp_ctx.h"
 #include "utils/mem.h"
@@ -156,7 +157,7 @@ void bc20_catalog_destroy(struct bc20_catalog* cat) {
     bc20_table_destroy(cat->tables[k]);
     cat->tables[k] = nullptr;
     cat->table_names[k] = nullptr;
-    // A write PDT lives in this context and goes with it.
+    if (cat->write_pdts[k] != nullptr) pdt_unref(cat->write_pdts[k]);
     cat->write_pdts[k] = nullptr;
   }
   for (int64_t k = 0; k < cat->n_locations; k++) {
@@ -215,7 +216,8 @@ int64_t bc20_catalog_del_table(struct bc20_catalog* cat, int64_t table_id) {
   bc20_table_destroy(t);
   cat->tables[k] = nullptr;
   cat->table_names[k] = nullptr;
-  cat->write_pdts[k] = nullptr;  // its memory stays in "cat_mem" until the catalog goes
+  if (cat->write_pdts[k] != nullptr) pdt_unref(cat->write_pdts[k]);
+  cat->write_pdts[k] = nullptr;
   return nr;
 }
 
@@ -402,9 +404,19 @@ int bc20_catalog_del_incoming_joinindex(struct bc20_catalog* cat, int64_t table_
       cat->tables[table_nr] == nullptr)
     return -1;
   int rc = bc20_table_del_incoming_joinindex(cat->tables[table_nr], name);
-  // No write PDT is held by this catalog (the slots stay null), so there is no join column to
-  // remove from one.
-  (void)update_pdt;
+  pdt* wpdt = cat->write_pdts[table_nr];
+  if (update_pdt && wpdt != nullptr) {
+    bc20_index* i = bc20_catalog_index_by_name(cat, name);
+    J480_ASSERT(kModule, i);
+    pdt_drop_increment_column(wpdt, i->id);
+    if (wpdt->n_updates == 0) {
+      // The dropped column held the table's last update: the tree goes.
+      J480_ASSERT(kModule, wpdt->n_updates == 0 && wpdt->n_modifies == 0 &&
+                               wpdt->n_inserts == 0 && wpdt->n_deletes == 0);
+      pdt_unref(wpdt);
+      cat->write_pdts[table_nr] = nullptr;
+    }
+  }
   return rc;
 }
 

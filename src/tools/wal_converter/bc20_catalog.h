@@ -3,7 +3,8 @@
 // Record and slot arrays live in the root context "cat_mem"; the catalog releases its tables
 // and locations. Slots are never reused; every search answers as the in-order scan of the live
 // slots would (first match wins), through hash lookups. Returned names belong to the catalog,
-// arrays to the caller's `mem`. Nothing is written to disk; no write PDT is held yet.
+// arrays to the caller's `mem`. Nothing is written to disk. Write PDTs live in child contexts of
+// "cat_mem" and go with it.
 #ifndef J480_TOOLS_WAL_CONVERTER_BC20_CATALOG_H
 #define J480_TOOLS_WAL_CONVERTER_BC20_CATALOG_H
 
@@ -80,8 +81,9 @@ int64_t* bc20_catalog_foreignkey_ids(struct bc20_catalog* cat, int64_t table_id,
 // entries in `mem`; null with 0 for a table without a sort key.
 int32_t* bc20_catalog_sortkey_columns(struct bc20_catalog* cat, MemContext* mem, int64_t table_nr,
                                       int64_t* n_out);
-// Deletes `name` from the incoming join indexes of the table at `table_nr`: 0, or -1. A write
-// PDT is never held here, so `update_pdt` finds none to change.
+// Deletes `name` from the incoming join indexes of the table at `table_nr`: 0, or -1. With
+// `update_pdt`, the join index's increment column of the table's write PDT is emptied, and a
+// tree left with no update at all is released.
 int bc20_catalog_del_incoming_joinindex(struct bc20_catalog* cat, int64_t table_nr,
                                         const char* name, int update_pdt);
 
