@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
+#include <array>
 #include <deque>
 #include <string>
 #include <vector>
@@ -91,13 +93,21 @@ struct run {
   int64_t start, len;
 };
 
+struct live_block {
+  int64_t nr;
+  int32_t used, tuples;
+};
+
 // A storage column bound to a storage group and a file, with what is known of its blocks.
 struct storage {
   int64_t cg_id = 0;
   int32_t scol = 0;
   int64_t file_nr = 0;
   int64_t next_block = 0;  // the file's block counter (multi-location: one file per storage)
+  int64_t location_id = 0;  // of the file (multi-location)
   std::deque<run> runs;    // live blocks that may still be deleted, oldest first
+  std::deque<live_block> live;  // every live block, when the model is written
+  std::vector<std::array<int64_t, 3>> nulls;  // null groups: id, value, indicator
   int64_t remembered() const {
     int64_t n = 0;
     for (const run& r : runs) n += r.len;
@@ -106,9 +116,12 @@ struct storage {
 };
 
 struct column {
-  int64_t id;
-  int32_t pt;
-  bool indicator;
+  int64_t id = 0;
+  int32_t pt = 0;
+  bool indicator = false;
+  std::string name, ltype, compression;
+  int32_t ctype = 0, digits = 0, scale = 0;
+  uint32_t flags = 0;
 };
 
 struct sgroup {
@@ -131,6 +144,13 @@ struct index_def {
   int32_t refs = 0;          // live indexes that name this one
   bool has_join = false;     // foreign key: a live join index stands on it
   bool live = true;
+  int64_t cg_id = 0;
+  std::string key_name;
+  // The data last written (minmax: sizes, overflow, per column the model's lines; join: sizes
+  // and the three arrays), for the model file.
+  int64_t sizes[3] = {0, 0, 0};
+  int32_t overflow = 0;
+  std::vector<std::string> data_lines;
 };
 
 struct table_def {
@@ -141,6 +161,7 @@ struct table_def {
   std::vector<sgroup> sgs;
   std::vector<index_def> idx;
   int32_t incoming_slots = 0;  // join indexes ever registered with this table
+  std::vector<std::string> incoming;  // their names, "" where dropped
   int32_t incoming_refs = 0;   // live indexes of other tables that name one of its keys
   bool live = true;
   int64_t live_sgs() const {
@@ -173,6 +194,8 @@ struct gen {
   int64_t tr_start = 0;
   int64_t tables_made = 0;
   bool bulk_phase = false;
+  bool track = false;               // the model file is asked for
+  std::vector<int32_t> free_scols;  // storage column ids of dropped groups (reuse_scols)
   std::vector<table_def> tables;
   std::vector<location_def> locs;
   std::vector<uint8_t> scratch, scratch2;
@@ -201,14 +224,21 @@ struct gen {
   // A storage column, its group under `parent` and the group's file, in this transaction.
   storage new_storage(int64_t parent, const std::vector<int64_t>& col_ids) {
     storage st;
-    st.scol = next_scol++;
+    if (o->reuse_scols && !free_scols.empty()) {
+      auto lowest = std::min_element(free_scols.begin(), free_scols.end());
+      st.scol = *lowest;
+      free_scols.erase(lowest);
+    } else {
+      st.scol = next_scol++;
+    }
     st.cg_id = next_id++;
     bc20_log_col_new(w, st.scol, kScolType, 0);
     int32_t n = static_cast<int32_t>(col_ids.size());
     if (multi) {
       st.file_nr = next_file++;
       std::string fname = name_of("f", st.file_nr, "");
-      bc20_log_file_new(w, st.file_nr, data_location(), fname);
+      st.location_id = data_location();
+      bc20_log_file_new(w, st.file_nr, st.location_id, fname);
       sum->files++;
       bc20_log_cat_colgroup_new(w, false, st.cg_id, st.scol, parent, CG_STORAGE, n,
                                 col_ids.data());
@@ -228,6 +258,7 @@ struct gen {
       int64_t bn = (*counter)++;
       int32_t used = static_cast<int32_t>(r.range(1, kBlksz));
       int32_t tuples = static_cast<int32_t>(r.range(1, 65536));
+      if (track) st.live.push_back({bn, used, tuples});
       if (multi)
         bc20_log_blk_new(w, st.scol, st.file_nr, bn, used, tuples);
       else
@@ -249,6 +280,11 @@ struct gen {
       run& front = st.runs.front();
       int64_t bn = front.start++;
       if (--front.len == 0) st.runs.pop_front();
+      if (track) {
+        auto it = std::lower_bound(st.live.begin(), st.live.end(), bn,
+                                   [](const live_block& b, int64_t v) { return b.nr < v; });
+        if (it != st.live.end() && it->nr == bn) st.live.erase(it);
+      }
       if (multi)
         bc20_log_blk_del(w, st.scol, st.file_nr, bn);
       else
@@ -263,6 +299,7 @@ struct gen {
     bc20_log_colgroup_file_del(w, st.cg_id, st.file_nr);
     bc20_log_col_del(w, st.scol, kScolType, 0);
     if (multi) bc20_log_file_del(w, st.file_nr);
+    free_scols.push_back(st.scol);
   }
 
   std::vector<storage*> live_storages() {
@@ -281,7 +318,10 @@ struct gen {
   column new_column(std::vector<column>& cols, std::vector<int64_t>& ids, bool nullable,
                     int64_t* indicator_out) {
     const ltype_info& lt = kLtypes[r.below(sizeof kLtypes / sizeof kLtypes[0])];
-    column c{next_id++, lt.pt, false};
+    column c;
+    c.id = next_id++;
+    c.pt = lt.pt;
+    c.indicator = false;
     int32_t digits = lt.digits_hi ? static_cast<int32_t>(r.range(lt.digits_lo, lt.digits_hi)) : 0;
     int32_t scale = lt.scale_hi ? static_cast<int32_t>(r.range(0, lt.scale_hi)) : 0;
     if (scale > digits) scale = digits;
@@ -292,15 +332,28 @@ struct gen {
       ctype = static_cast<int32_t>(r.below(3));
     const char* comp = kCompressions[r.below(sizeof kCompressions / sizeof kCompressions[0])];
     std::string name = name_of("c", c.id, "_") + lt.ltype;
+    uint32_t flags = r.chance(25) ? 1u : 0u;
     bc20_log_cat_column_new(w, c.id, kPtypes[c.pt].adt, ctype, lt.ltype, digits, scale, comp,
-                            name, r.chance(25) ? 1u : 0u);
+                            name, flags);
+    c.name = name;
+    c.ltype = lt.ltype;
+    c.compression = comp;
+    c.ctype = ctype;
+    c.digits = digits;
+    c.scale = scale;
+    c.flags = flags;
     cols.push_back(c);
     ids.push_back(c.id);
     sum->columns++;
     *indicator_out = 0;
     if (nullable) {
-      column ind{next_id++, PT_UCHR, true};
-      bc20_log_cat_column_new(w, ind.id, "uchr", 0, "bool", 0, 0, "", name + "_null", 0);
+      column ind;
+      ind.id = next_id++;
+      ind.pt = PT_UCHR;
+      ind.indicator = true;
+      ind.name = name + "_null";
+      ind.ltype = "bool";
+      bc20_log_cat_column_new(w, ind.id, "uchr", 0, "bool", 0, 0, "", ind.name, 0);
       cols.push_back(ind);
       ids.push_back(ind.id);
       sum->columns++;
@@ -339,6 +392,7 @@ struct gen {
       sg.st = new_storage(t.root_cg, sg.col_ids);
       for (const auto& pair : group_nulls[g]) {
         int64_t ids[2] = {pair.first, pair.second};
+        sg.st.nulls.push_back({next_id, pair.first, pair.second});
         bc20_log_cat_colgroup_new(w, false, next_id++, 0, sg.st.cg_id, CG_NULL, 2, ids);
         sum->null_groups++;
       }
@@ -425,6 +479,7 @@ struct gen {
       index_def& ref = tables[k].idx[i];
       for (size_t c = 0; c < ref.col_ids.size(); c++) ix.col_ids.push_back(vals[c]);
       ix.key_id = ref.id;
+      ix.key_name = ref.name;
       ix.ref_table = static_cast<int64_t>(k);
       ix.ref_key_idx = static_cast<int32_t>(i);
       ref.refs++;
@@ -438,6 +493,7 @@ struct gen {
     ix.id = next_id++;
     ix.name = t.name + name_of(kSuffix[code], ix.id, "");
     int64_t cg = index_colgroup(ix.col_ids);
+    ix.cg_id = cg;
     bc20_log_cat_index_new(w, ix.id, ix.name, code, t.id, cg, 0, ix.key_id);
     t.idx.push_back(std::move(ix));
     sum->indexes_created++;
@@ -445,15 +501,20 @@ struct gen {
   }
 
   // ---- data indexes ----
-  void write_minmax(const index_def& ix) {
+  void write_minmax(index_def& ix) {
     int64_t groupsize = int64_t{1} << r.range(6, 12);
     int64_t numgroups = r.range(0, 6);
     int64_t numtuples = numgroups == 0 ? 0 : (numgroups - 1) * groupsize + r.range(1, groupsize);
     int64_t maxgroups = numgroups + r.range(1, 4);
     bc20_log_minmax_size(w, ix.id, maxgroups, numtuples, groupsize);
+    ix.sizes[0] = maxgroups;
+    ix.sizes[1] = numtuples;
+    ix.sizes[2] = groupsize;
+    ix.data_lines.assign(ix.col_ids.size(), std::string());
     for (size_t c = 0; c < ix.col_ids.size(); c++) {
       const ptype_info& pt = kPtypes[ix.col_pts[c]];
       int32_t overflow = r.chance(40) ? 1 : 0;
+      ix.overflow = overflow;
       scratch.clear();
       scratch2.clear();
       if (pt.fixed) {
@@ -467,6 +528,9 @@ struct gen {
         bc20_log_minmax_data(w, false, ix.id, static_cast<int32_t>(c), scratch.data(),
                              static_cast<int64_t>(scratch.size()), overflow, scratch2.data(),
                              overflow ? pt.width : 0);
+        size_t half = scratch.size() / 2;
+        ix.data_lines[c] = "mmcol " + std::to_string(c) + " " + hex(scratch.data(), half) + " " +
+                           hex(scratch.data() + half, half);
       } else {
         std::vector<std::string> texts;
         for (int64_t g = 0; g < numgroups; g++) {
@@ -485,8 +549,116 @@ struct gen {
         bc20_log_minmax_data(w, true, ix.id, static_cast<int32_t>(c), scratch.data(),
                              static_cast<int64_t>(scratch.size()), overflow, scratch2.data(),
                              static_cast<int64_t>(scratch2.size()));
+        std::string mins, maxs;
+        for (size_t k = 0; k < texts.size(); k++) {
+          std::string& out = k % 2 == 0 ? mins : maxs;
+          out += (out.empty() ? "x" : ",x") + hex(texts[k].data(), texts[k].size());
+        }
+        ix.data_lines[c] = "mmvar " + std::to_string(c) + " " + (mins.empty() ? "~" : mins) +
+                           " " + (maxs.empty() ? "~" : maxs);
       }
     }
+  }
+
+  static std::string hex(const void* data, size_t n) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string out;
+    const uint8_t* p = static_cast<const uint8_t*>(data);
+    for (size_t i = 0; i < n; i++) {
+      out += kDigits[p[i] >> 4];
+      out += kDigits[p[i] & 15];
+    }
+    return out;
+  }
+
+  // ---- the model file ----
+  static const char* text(const std::string& s) { return s.empty() ? "~" : s.c_str(); }
+
+  std::string file_of(const storage& st) {
+    return multi ? std::to_string(st.file_nr) : std::string("default");
+  }
+
+  void model_storage(std::string& out, const char* kind, const storage& st,
+                     const std::vector<int64_t>& col_ids) {
+    out += kind;
+    out += " " + std::to_string(st.cg_id) + " " + std::to_string(st.scol) + " " + file_of(st);
+    for (int64_t id : col_ids) out += " " + std::to_string(id);
+    out += "\n";
+    for (const auto& n : st.nulls)
+      out += "null " + std::to_string(n[0]) + " " + std::to_string(n[1]) + " " +
+             std::to_string(n[2]) + "\n";
+    out += "blocks " + std::to_string(st.live.size());
+    for (const live_block& b : st.live) {
+      out += ' ';
+      out += std::to_string(b.nr);
+      out += ':';
+      out += std::to_string(b.used);
+      out += ':';
+      out += std::to_string(b.tuples);
+    }
+    out += "\n";
+  }
+
+  std::string model(const std::string& dir) {
+    static const char* const kImpl[] = {"", "vcolumn_8", "vcolumn_16", "ccolumn"};
+    std::string out;
+    if (!multi) {
+      out += "location auto default 1 " + dir + J480_PATH_SEP + "CBM" + J480_PATH_SEP +
+             "default\n";
+      out += "file default default 0\n";
+    }
+    for (const location_def& l : locs)
+      if (l.live)
+        out += "location " + std::to_string(l.id) + " " + l.name + " " + std::to_string(l.usage) +
+               " " + dir + J480_PATH_SEP + "locations" + J480_PATH_SEP + l.name + "\n";
+    if (multi) {
+      std::vector<std::pair<int64_t, std::string>> files;
+      for (storage* st : live_storages()) files.push_back({st->file_nr, file_line_tail(*st)});
+      std::sort(files.begin(), files.end());
+      for (const auto& f : files) out += "file " + std::to_string(f.first) + f.second + "\n";
+    }
+    for (const table_def& t : tables) {
+      if (!t.live) continue;
+      out += "table " + std::to_string(t.id) + " " + t.name + " " + std::to_string(t.root_cg) +
+             "\n";
+      for (const column& c : t.cols) {
+        const ptype_info& pt = kPtypes[c.pt];
+        const char* impl = c.ctype == 0 ? (pt.fixed ? "fcolumn" : "vcolumn_8") : kImpl[c.ctype];
+        out += "column " + std::to_string(c.id) + " " + c.name + " " + pt.adt + " " + impl + " " +
+               text(c.ltype) + " " + std::to_string(c.digits) + " " + std::to_string(c.scale) +
+               " " + text(c.compression) + " " + std::to_string(c.flags & 1u) + "\n";
+      }
+      for (const sgroup& g : t.sgs)
+        if (g.live) model_storage(out, "storage", g.st, g.col_ids);
+      for (const index_def& ix : t.idx) {
+        if (!ix.live) continue;
+        out += "index " + std::to_string(ix.id) + " " +
+               std::to_string(ix.code == IX_SORTKEY_OLD ? IX_SORTKEY : ix.code) + " " + ix.name +
+               " " + text(ix.key_name) + " " + std::to_string(ix.cg_id);
+        for (int64_t id : ix.col_ids) out += " " + std::to_string(id);
+        out += "\n";
+        if (ix.has_storage) model_storage(out, "istorage", ix.st, ix.col_ids);
+        if (ix.code == IX_MINMAX)
+          out += "minmax " + std::to_string(ix.sizes[0]) + " " + std::to_string(ix.sizes[1]) +
+                 " " + std::to_string(ix.sizes[2]) + " " + std::to_string(ix.overflow) + "\n";
+        if (ix.code == IX_JOIN)
+          out += "jis " + std::to_string(ix.sizes[0]) + " " + std::to_string(ix.sizes[1]) + " " +
+                 std::to_string(ix.sizes[2]) + "\n";
+        for (const std::string& line : ix.data_lines) out += line + "\n";
+      }
+      if (!t.incoming.empty()) {
+        out += "incoming " + std::to_string(t.incoming.size());
+        for (const std::string& name : t.incoming) out += std::string(" ") + text(name);
+        out += "\n";
+      }
+    }
+    return out;
+  }
+
+  std::string file_line_tail(const storage& st) {
+    for (const location_def& l : locs)
+      if (l.id == st.location_id) return " " + l.name + " " + name_of("f", st.file_nr, "");
+    return " ? ?";
   }
 
   static void put_raw64(std::vector<uint8_t>& out, int64_t v) {
@@ -511,15 +683,25 @@ struct gen {
     out.insert(out.end(), b, b + pt.width);
   }
 
-  void write_jis(const index_def& ix) {
+  void write_jis(index_def& ix) {
     int64_t numgroups = r.range(0, 8);
     int64_t maxgroups = numgroups + r.range(0, 4);
     int64_t groupsize = int64_t{1} << r.range(8, 14);
     bc20_log_jis_size(w, ix.id, maxgroups, numgroups, groupsize);
+    ix.sizes[0] = maxgroups;
+    ix.sizes[1] = numgroups;
+    ix.sizes[2] = groupsize;
+    ix.data_lines.clear();
     std::vector<int64_t> words(static_cast<size_t>(numgroups + 1));
     for (int32_t col = 0; col < 3; col++) {
       int64_t acc = 0;
-      for (int64_t& v : words) v = (acc += r.range(0, 1000));
+      std::string line = "jiscol " + std::to_string(col);
+      for (int64_t& v : words) {
+        v = (acc += r.range(0, 1000));
+        line += ' ';
+        line += std::to_string(v);
+      }
+      ix.data_lines.push_back(line);
       bc20_log_jis_data(w, ix.id, col, numgroups + 1, words.data());
     }
   }
@@ -544,6 +726,7 @@ struct gen {
     ix.id = next_id++;
     ix.name = t.name + name_of("_mm", ix.id, "");
     int64_t cg = index_colgroup(ix.col_ids);
+    ix.cg_id = cg;
     int64_t scg = 0;
     if (r.chance(50)) {
       ix.has_storage = true;
@@ -575,9 +758,11 @@ struct gen {
     ix.id = next_id++;
     ix.name = t.name + name_of("_ji", ix.id, "");
     ix.key_id = t.idx[static_cast<size_t>(fk)].id;
+    ix.key_name = t.idx[static_cast<size_t>(fk)].name;
     ix.ref_table = t.idx[static_cast<size_t>(fk)].ref_table;
     ix.ref_key_idx = fk;
     int64_t cg = index_colgroup(ix.col_ids);
+    ix.cg_id = cg;
     int64_t scg = 0;
     if (r.chance(50)) {
       ix.has_storage = true;
@@ -589,6 +774,7 @@ struct gen {
     t.idx[static_cast<size_t>(fk)].has_join = true;
     t.idx[static_cast<size_t>(fk)].refs++;
     tables[static_cast<size_t>(ix.ref_table)].incoming_slots++;
+    tables[static_cast<size_t>(ix.ref_table)].incoming.push_back(ix.name);
     t.idx.push_back(std::move(ix));
     sum->indexes_created++;
     end();
@@ -611,6 +797,8 @@ struct gen {
       index_def& fk = t.idx[static_cast<size_t>(ix.ref_key_idx)];
       fk.refs--;
       fk.has_join = false;
+      for (std::string& name : tables[static_cast<size_t>(ix.ref_table)].incoming)
+        if (name == ix.name) name.clear();
     }
     ix.live = false;
     sum->indexes_dropped++;
@@ -795,7 +983,7 @@ struct gen {
       if (dice < 62 && create_join(static_cast<size_t>(tn))) return;
       if (dice < 68) {
         table_def& t = tables[static_cast<size_t>(tn)];
-        for (const index_def& ix : t.idx) {
+        for (index_def& ix : t.idx) {
           if (!ix.live || (ix.code != IX_MINMAX && ix.code != IX_JOIN)) continue;
           begin();
           if (ix.code == IX_MINMAX)
@@ -906,6 +1094,7 @@ int bc20_gen_run(const bc20_gen_options* options, bc20_gen_summary* summary) {
   g.sum = summary;
   g.r.s = options->seed;
   g.multi = options->locations > 0;
+  g.track = options->model_path != nullptr;
   bc20_log_writer_options wo;
   wo.big_endian = options->big_endian;
   wo.hook = count_hook;
@@ -931,6 +1120,16 @@ int bc20_gen_run(const bc20_gen_options* options, bc20_gen_summary* summary) {
   for (const location_def& l : g.locs)
     if (l.live) entries.push_back({l.name, paths[p++]});
   summary->map_lines = static_cast<int64_t>(entries.size());
+  if (options->model_path != nullptr) {
+    std::string text = g.model(dir);
+    FILE* f = px_fopen(options->model_path, "wb");
+    bool ok = f != nullptr && px_fwrite(text.data(), 1, text.size(), f) == text.size();
+    if (f != nullptr && px_fclose(f) != 0) ok = false;
+    if (!ok) {
+      CV_ERROR(MODULE, "cannot write the model file %s", options->model_path);
+      result = -1;
+    }
+  }
   if (bc20_location_map_write((cbm + J480_PATH_SEP + "location_map").c_str(), entries.data(),
                               entries.size()) != 0)
     result = -1;

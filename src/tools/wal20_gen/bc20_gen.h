@@ -61,7 +61,30 @@ struct bc20_gen_options {
   int pdts = 0;               // non-zero: an empty write-PDT record per live table at the end
   bc20_log_hook hook = nullptr;  // sees every record written
   void* hook_ctx = nullptr;
+  // Storage column ids of dropped storage groups are taken again by later ones (lowest first).
+  int reuse_scols = 0;
+  // Where set, the live model at the end of the history is written to this file (below).
+  const char* model_path = nullptr;
 };
+
+// The model file: what a replay of the log must hold at its end, one item per line, fields
+// separated by one space, "~" for an empty or absent text, lists in the order the model keeps
+// them (tables, indexes, locations and files by ascending id or number):
+//   location <id|auto> <name> <usage> <path>         (auto: the default location)
+//   file <nr|default> <location name> <file name>
+//   table <id> <name> <root group id>
+//   column <id> <name> <adt> <implementation> <ltype> <digits> <scale> <compression> <flag>
+//   storage <group id> <scolumn id> <file nr|default> <column ids...>   (children of the root)
+//   null <group id> <value column id> <indicator column id>             (of the storage above)
+//   blocks <n> <block_nr>:<bytes_used>:<num_tuples>...                  (of the storage above)
+//   index <id> <type> <name> <key name> <group id> <column ids...>
+//   istorage ... / blocks ...                                           (an index's storage)
+//   minmax <maxgroups> <numtuples> <groupsize> <overflow>
+//   mmcol <column nr> <hex of the minima> <hex of the maxima>           (fixed-width columns)
+//   mmvar <column nr> x<hex>,x<hex>... x<hex>,...  minima, then maxima (str columns; ~: none)
+//   jis <maxgroups> <numgroups> <groupsize>
+//   jiscol <array> <words...>
+//   incoming <slots> <name|~>...                                        (of the table above)
 
 struct bc20_gen_summary {
   int64_t records[BC20_MAX_TAG + 1];  // records written, per tag

@@ -13,6 +13,8 @@
 //     --single-location      single-location database with a default file (the default)
 //     --big-endian           typed integers byte-reversed, mark 04 D2
 //     --pdts                 an empty write-PDT record per live table at the end
+//     --reuse-scols          storage column ids of dropped groups are taken again
+//     --model <file>         writes what a replay must hold at the end (see bc20_gen.h)
 // Prints a summary on standard output. Exit 0, or 1 on a bad option or a failed write.
 #include <cerrno>
 #include <cstdio>
@@ -27,7 +29,7 @@ namespace {
 const char kUsage[] =
     "Usage: %s --out <dbdir> [--seed N] [--tables N] [--columns N] [--blocks N]\n"
     "          [--transactions N] [--target-size BYTES[K|M|G]] [--locations N|--single-location]\n"
-    "          [--big-endian] [--pdts]\n"
+    "          [--big-endian] [--pdts] [--reuse-scols] [--model <file>]\n"
     "Writes a synthetic J480 2.0 database: <dbdir>/CBM/LOG and <dbdir>/CBM/location_map.\n";
 
 bool parse_number(const char* text, int64_t max, int64_t* out) {
@@ -87,6 +89,11 @@ int main(int argc, char** argv) {
       o.big_endian = 1;
     } else if (a == "--pdts") {
       o.pdts = 1;
+    } else if (a == "--reuse-scols") {
+      o.reuse_scols = 1;
+    } else if (a == "--model" && value != nullptr) {
+      o.model_path = value;
+      i++;
     } else {
       bad = true;
     }

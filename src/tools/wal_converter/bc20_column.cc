@@ -123,13 +123,20 @@ const bc20_column_impl* bc20_column_type(const bc20_column* c) {
 }
 
 bc20_column* bc20_column_create(int32_t ctype, int32_t adt_id) {
+  // Both types are resolved (and asserted) before anything is allocated.
+  bc20_column probe{};
+  probe.type = ptype_by_id(adt_id);
+  {
+    bc20_column* c = &probe;
+    J480_ASSERT(kModule, c->type);
+  }
+  if (ctype == 0) ctype = probe.type->default_column_type;
+  probe.ctype = ctype;
+  const bc20_column_impl* impl = bc20_column_type(&probe);
   auto* c = static_cast<bc20_column*>(calloc(1, sizeof(bc20_column)));
   J480_ASSERT(kModule, c);
-  c->type = ptype_by_id(adt_id);
-  J480_ASSERT(kModule, c->type);
-  if (ctype == 0) ctype = c->type->default_column_type;
+  c->type = probe.type;
   c->ctype = ctype;
-  const bc20_column_impl* impl = bc20_column_type(c);
   memcpy(c->name, impl->name, sizeof c->name);
   c->type_id = impl->type_id;
   c->create = impl->create;

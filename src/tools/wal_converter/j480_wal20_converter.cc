@@ -13,8 +13,10 @@
 
 #include "bm/iobm.h"
 #include "kernel/kernel.h"
+#include "tools/wal_converter/bc20_catalog.h"
 #include "tools/wal_converter/bc20_iobm.h"
 #include "tools/wal_converter/bc20_logger_print.h"
+#include "tools/wal_converter/bc20_replay.h"
 #include "utils/cvconfig.h"
 #include "utils/cvlog.h"
 #include "utils/file.h"
@@ -142,12 +144,21 @@ int j480_wal20_converter_main(int argc, char** argv) {
     goto tail;
   }
 
+  bc20_register_types();
+  bc20_catalog = bc20_catalog_create();
+
   if (dump_log && dump_log_xml(bc20_iobm, 1) < 0) {
     result = -1;
     goto tail;
   }
 
-  // The storage replay and the 2.5 writer are not part of this build.
+  if (!iobm_init(bc20_iobm)) {
+    CV_ERROR(WAL_CONVERTER, "Failed replaying 2.0 WAL");
+    result = -1;
+    goto tail;
+  }
+
+  // The 2.5 writer is not part of this build.
   CV_ERROR(WAL_CONVERTER,
            "The 2.0 to 2.5 conversion is not available in this build; '%s' is left unchanged.",
            db_cbm_path);
@@ -155,6 +166,11 @@ int j480_wal20_converter_main(int argc, char** argv) {
 
 tail:
   CV_INFO(WAL_CONVERTER, "Done converting. Exiting.");
+  // The catalog goes first: its groups hold the storage columns, blocks and file references
+  // that the block manager checks are gone.
+  bc20_catalog_destroy(bc20_catalog);
+  bc20_catalog = nullptr;
+  bc20_iobm_release_replay(bc20_iobm);
   iobm_destroy(bc20_iobm);
   bc20_iobm = nullptr;
   bc20_set_config(nullptr);

@@ -196,22 +196,42 @@ TEST(RunSequence, DumplogWritesTheOldLogAsXmlBeforeStopping) {
     std::string cbm = farm + "/db/CBM";
     j480test::make_dirs(cbm);
     j480test::LogBytes log;
-    log.head().i32(0).lng(7).i32(14).lng(42).i32(1).lng(7);  // tr_new 7, cat_table_del 42, tr_end 7
+    // tr_new 7, cat_location_new 5 "loc" usage 1, tr_end 7
+    log.head().i32(0).lng(7).i32(28).lng(5).str("loc").i32(1).i32(1).lng(7);
     j480test::write_file(cbm + "/LOG", log.bytes());
     RunResult r = run({"--dumplog", "--dbfarm", farm, "--dbname", "db"});
     EXPECT_EQ(r.status, 255);
     const std::string xml =
         "<wal base_version=\"4851035686591004672\" cur_version=\"0\">\n"
         "<tr trid=\"7\">\n"
-        "<cat_table_del table_id=\"42\"/>\n"
+        "<cat_location_new location_id=\"5\" name=\"loc\" usage=\"1\" path=\"(null)\"/>\n"
         "</tr trid=\"7\">\n"
         "</wal>\n";
     EXPECT_EQ(j480test::read_file(cbm + "/_LOG_XML_20"), xml);
-    EXPECT_NE(r.err.find("#LOGGER:<cat_table_del table_id=\"42\"/>\n"), std::string::npos)
+    EXPECT_NE(r.err.find("#LOGGER:<cat_location_new location_id=\"5\" name=\"loc\""),
+              std::string::npos)
         << r.err;
     EXPECT_NE(r.err.find("not available in this build"), std::string::npos);
     EXPECT_EQ(j480test::read_file(cbm + "/LOG"), log.bytes());
   }
+}
+
+TEST(RunSequence, AReplayThatFailsSaysWhyThenThatTheReplayFailed) {
+  j480test::TempDir farm;
+  std::string cbm = farm.file("db/CBM");
+  j480test::make_dirs(cbm);
+  j480test::LogBytes log;
+  log.head().i32(0).lng(7).i32(29).lng(9).i32(1).lng(7);  // tr_new 7, cat_location_del 9, tr_end 7
+  j480test::write_file(cbm + "/LOG", log.bytes());
+  RunResult r = run({"--dbfarm", farm.path(), "--dbname", "db"});
+  EXPECT_EQ(r.status, 255);
+  std::vector<std::string> lines = split_lines(r.err);
+  ASSERT_GE(lines.size(), 3u);
+  const std::vector<std::string> last = {
+      "ERROR:CBM:failed to replay drop location: no such location_id 9",
+      "ERROR:WAL_CONVERTER:Failed replaying 2.0 WAL", kTail};
+  EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()), last);
+  EXPECT_EQ(j480test::read_file(cbm + "/LOG"), log.bytes());
 }
 
 TEST(RunSequence, DumplogOfAnAlreadyConvertedLogStopsWithTheVersionMessage) {
@@ -238,12 +258,17 @@ TEST(RunSequence, AFailedOrKilledSystemCallAnywhereEndsCleanlyAndLeavesTheDataba
   std::string cbm = farm.file("db/CBM");
   j480test::make_dirs(cbm);
   j480test::LogBytes log;
-  log.head().i32(0).lng(7).i32(14).lng(42).i32(1).lng(7);
+  log.head().i32(0).lng(7).i32(28).lng(5).str("loc").i32(1).i32(1).lng(7);
   j480test::write_file(cbm + "/LOG", log.bytes());
   j480test::write_file(cbm + "/location_map", "loc,/data\n");
   const std::vector<std::string> args = {"--dumplog", "--dbfarm", farm.path(), "--dbname", "db"};
-  for (int k = 1; k <= 60; k++) {
-    for (const char* mode : {":5", ":28", ":kill"}) {  // EIO... as errno 5, ENOSPC, a kill
+  const std::string clean = j480test::run_binary(kBin, args).err;
+  // Every call of the run: up to the first k where every call from the k-th on fails and the run
+  // is still the unfaulted one.
+  bool past_the_end = false;
+  for (int k = 1; k <= 400 && !past_the_end; k++) {
+    // EIO at the k-th call, ENOSPC at it and every later one, a kill at it.
+    for (const char* mode : {":5", ":28:sticky", ":kill"}) {
       std::string fault = std::to_string(k) + mode;
       SCOPED_TRACE(fault);
       RunResult r = j480test::run_binary(kBin, args, {{"J480_FAULT_AT", fault}});
@@ -252,12 +277,14 @@ TEST(RunSequence, AFailedOrKilledSystemCallAnywhereEndsCleanlyAndLeavesTheDataba
       } else {
         EXPECT_EQ(r.status, 255) << r.err;
         EXPECT_EQ(split_lines(r.err).back(), kTail);
+        past_the_end |= std::string(mode) == ":28:sticky" && r.err == clean;
       }
       EXPECT_EQ(j480test::read_file(cbm + "/LOG"), log.bytes());
       EXPECT_EQ(j480test::read_file(cbm + "/location_map"), "loc,/data\n");
       EXPECT_FALSE(j480test::exists(cbm + "/LOG.new"));
     }
   }
+  EXPECT_TRUE(past_the_end);
 }
 
 // Two processes on one database: a holder of the block manager's lock in a child process, and
