@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the tool and the sample generator, generates a small 2.0 database under demo/, and runs
-# the converter on it with --dumplog.
+# Builds the tool and the sample generator, generates a small 2.0 database under demo/, converts
+# it with --dumplog, and shows the run's log, the files before and after, and both XML dumps.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -31,3 +31,8 @@ echo "== files after"
 ls -l "$farm/sampledb/CBM"
 echo "== the old log as XML ($farm/sampledb/CBM/_LOG_XML_20), first lines"
 head -n 15 "$farm/sampledb/CBM/_LOG_XML_20"
+if [ -f "$farm/sampledb/CBM/_LOG_XML" ]; then
+  echo "== the new log as XML ($farm/sampledb/CBM/_LOG_XML), first lines"
+  head -n 15 "$farm/sampledb/CBM/_LOG_XML"
+fi
+echo "== the old files are kept: LOG.j480_20 and location_map.j480_20 (see the README to go back)"

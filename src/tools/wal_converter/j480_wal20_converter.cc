@@ -12,11 +12,13 @@
 #include <cstring>
 
 #include "bm/iobm.h"
+#include "bm/logger.h"
 #include "kernel/kernel.h"
 #include "tools/wal_converter/bc20_catalog.h"
 #include "tools/wal_converter/bc20_iobm.h"
 #include "tools/wal_converter/bc20_logger_print.h"
 #include "tools/wal_converter/bc20_replay.h"
+#include "tools/wal_converter/write_log.h"
 #include "utils/cvconfig.h"
 #include "utils/cvlog.h"
 #include "utils/file.h"
@@ -63,8 +65,8 @@ int dump_log_xml(iobm* storage, int old_format) {
   stream* s = open_binary_read_stream(path);
   if (path != local) free(path);
   if (s == nullptr) return 0;
-  // The new format's dump joins with the 2.5 logger; only the old log can be dumped here.
-  int result = old_format ? bc20_bm_logger_print(s, 1) : 0;
+  // After the exchange the plain name holds the new log.
+  int result = old_format ? bc20_bm_logger_print(s, 1) : bm_logger_print(s, 1);
   stream_close_destroy(s);
   return result;
 }
@@ -158,11 +160,14 @@ int j480_wal20_converter_main(int argc, char** argv) {
     goto tail;
   }
 
-  // The 2.5 writer is not part of this build.
-  CV_ERROR(WAL_CONVERTER,
-           "The 2.0 to 2.5 conversion is not available in this build; '%s' is left unchanged.",
-           db_cbm_path);
-  result = -1;
+  if (write_new25_log() < 0) {
+    CV_ERROR(WAL_CONVERTER, "Failed writing 2.5 WAL");
+    result = -1;
+    goto tail;
+  }
+
+  // The database is converted: a dump of the new log that fails leaves the result alone.
+  if (dump_log) dump_log_xml(bc20_iobm, 0);
 
 tail:
   CV_INFO(WAL_CONVERTER, "Done converting. Exiting.");
