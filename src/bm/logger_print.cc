@@ -260,7 +260,9 @@ int bm_logger_print_in(stream* s, const char* directory) {
         if (format_action(line, list, a)) emit(out, line);
     }
     mem_context_remove(tc);
-    if (!more) break;
+    // A damaged transaction is skipped; a file that can't be read any further ends the dump.
+    if (!more || (actions == nullptr && stream_error(s) != STREAM_NOERR && !stream_at_end(s)))
+      break;
   }
 
   sb_reset(line);

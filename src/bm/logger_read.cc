@@ -331,6 +331,14 @@ const tag_entry kTags[BM_LOGGER_MAX_TAG + 1] = {
 
 }  // namespace
 
+// A tag that can't be read is the end of the log only where the file has ended: a read error
+// there is logged and fails the transaction, so that a log is never taken for shorter than it is.
+static bool read_error(stream* s) {
+  if (stream_at_end(s)) return false;
+  CV_ERROR(LOGGER, "error reading log file '%s'", stream_name(s));
+  return true;
+}
+
 int bm_logger_read_transaction(MemContext* mem, stream* s, bm_logger_action_list** list_out) {
   reader r;
   r.mem = mem;
@@ -342,7 +350,7 @@ int bm_logger_read_transaction(MemContext* mem, stream* s, bm_logger_action_list
   int32_t tag;
 
   *list_out = nullptr;
-  if (!rd32(&r, &tag)) return 0;
+  if (!rd32(&r, &tag)) return read_error(s) ? 1 : 0;
   for (;;) {
     if (tag < 0 || tag > BM_LOGGER_MAX_TAG) {
       CV_ERROR(LOGGER, "Unhandled log value %d", tag);
@@ -381,6 +389,7 @@ int bm_logger_read_transaction(MemContext* mem, stream* s, bm_logger_action_list
       return 1;
     }
     if (!rd32(&r, &tag)) {
+      if (read_error(s)) return 1;
       if (!in_transaction) {
         *list_out = list;
         return 0;

@@ -147,6 +147,13 @@ inline int64_t stream_write(stream* s, const void* buffer, size_t item_size, siz
   return stream_detail::do_write(s, buffer, item_size, count);
 }
 
+// True where a read stream's file has ended without a read error: a failed read there is the end
+// of the data, anywhere else it is an error. Streams without a file handle never end this way.
+inline bool stream_at_end(const stream* s) {
+  return s != nullptr && s->handle != nullptr && feof_unlocked(s->handle) &&
+         !ferror_unlocked(s->handle);
+}
+
 // Typed reads go to the read operation even with errnr set; nothing read sets errnr to 2.
 // A null stream reads nothing.
 inline int stream_read_int(stream* s, int32_t* value) {

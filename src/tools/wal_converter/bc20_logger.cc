@@ -391,6 +391,14 @@ constexpr std::array<tag_entry, BC20_MAX_TAG + 1> kTags = make_tag_table();
 
 }  // namespace
 
+// A tag that can't be read is the end of the log only where the file has ended: a read error
+// there is logged and fails the transaction, so that a log is never taken for shorter than it is.
+static bool read_error(stream* s) {
+  if (stream_at_end(s)) return false;
+  CV_ERROR(LOGGER, "error reading log file '%s'", stream_name(s));
+  return true;
+}
+
 int bc20_logger_read_transaction(MemContext* mem, stream* s, bc20_action** actions) {
   reader r = {mem, s, kSizeUnasked};
   bc20_action* head = nullptr;
@@ -401,7 +409,8 @@ int bc20_logger_read_transaction(MemContext* mem, stream* s, bc20_action** actio
 
   if (!rd_int(&r, &tag)) {
     *actions = nullptr;
-    return 0;
+    if (!read_error(s)) return 0;
+    return 1;
   }
   for (;;) {
     uint32_t type = static_cast<uint32_t>(tag);
@@ -439,6 +448,7 @@ int bc20_logger_read_transaction(MemContext* mem, stream* s, bc20_action** actio
       return 1;
     }
     if (!rd_int(&r, &tag)) {
+      if (read_error(s)) break;
       if (!in_transaction) {
         *actions = head;
         return 0;

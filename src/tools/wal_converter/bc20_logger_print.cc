@@ -223,7 +223,9 @@ int bc20_bm_logger_print(stream* s, int to_file) {
         emit(out, format_action(tc, col_ids, a));
     }
     mem_context_remove(tc);
-    if (!more) break;
+    // A damaged transaction is skipped; a file that can't be read any further ends the dump.
+    if (!more || (actions == nullptr && stream_error(s) != STREAM_NOERR && !stream_at_end(s)))
+      break;
   }
   sb_destroy(col_ids);
 

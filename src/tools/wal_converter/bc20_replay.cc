@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 
@@ -161,9 +162,11 @@ int iobm_init(iobm* bm) {
   }
 
   std::string map_path = cbm_file(bm, "location_map");
-  if (!file_exists(map_path.c_str())) return 1;
+  // No map is a database without one; a map that can't be looked at is not.
+  const bool map_missing = !file_exists(map_path.c_str());
+  if (map_missing && errno == ENOENT) return 1;
   int64_t map_result = -1;
-  stream* m = open_text_read_stream(map_path.c_str());
+  stream* m = map_missing ? nullptr : open_text_read_stream(map_path.c_str());
   if (m == nullptr || stream_error(m) != 0) {
     CV_ERROR(LOGGER, "Could not open location map file %s.", map_path.c_str());
   } else {
