@@ -1,7 +1,4 @@
 // The reader of the 2.5 log: one decoder per record kind, one loop over a transaction.
-#include <sys/stat.h>
-
-#include <climits>
 #include <cstring>
 
 #include "bm/logger.h"
@@ -16,7 +13,7 @@ namespace {
 
 constexpr char LOGGER[] = "LOGGER";
 constexpr int kFlags = J480_MEM_ALLOWFAILURE;
-constexpr int64_t kSizeUnasked = -2;
+constexpr int64_t kSizeUnasked = STREAM_SIZE_UNASKED;
 
 // The path that read locations get: the converter has none.
 const char* const kDefaultLocationPath = nullptr;
@@ -31,20 +28,7 @@ struct reader {
 // Bytes left behind the stream position: every length and count from the file is held against
 // it before anything is allocated or read. A stream that is not a regular file has no bound but
 // the record's own limits and the allocation.
-int64_t remaining(reader* r) {
-  stream* s = r->s;
-  if (r->size == kSizeUnasked) {
-    r->size = -1;
-    struct stat st;
-    if (s->read == stream_file_read && s->handle != nullptr &&
-        px_fstat(fileno_unlocked(s->handle), &st) == 0 && S_ISREG(st.st_mode))
-      r->size = st.st_size;
-  }
-  if (r->size < 0) return INT64_MAX;
-  off_t pos = px_ftello(s->handle);
-  if (pos < 0 || pos >= r->size) return 0;
-  return r->size - pos;
-}
+int64_t remaining(reader* r) { return stream_remaining(r->s, &r->size); }
 
 inline bool rd32(reader* r, int32_t* v) {
   return stream_read_int(r->s, v) == 1;

@@ -1,6 +1,9 @@
 // stream: the generic operations and the file implementation.
 #include "utils/stream.h"
 
+#include <sys/stat.h>
+
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -226,4 +229,18 @@ void stream_clear_error(stream* s) {
 char* stream_error_text(stream* s) {
   if (s == nullptr || s->error == nullptr) return str_dup("Unknown error\n");
   return s->error(s);
+}
+
+int64_t stream_remaining(stream* s, int64_t* size) {
+  if (*size == STREAM_SIZE_UNASKED) {
+    *size = -1;
+    struct stat st;
+    if (s->read == stream_file_read && s->handle != nullptr &&
+        px_fstat(fileno_unlocked(s->handle), &st) == 0 && S_ISREG(st.st_mode))
+      *size = st.st_size;
+  }
+  if (*size < 0) return INT64_MAX;
+  off_t pos = px_ftello(s->handle);
+  if (pos < 0 || pos >= *size) return 0;
+  return *size - pos;
 }

@@ -147,6 +147,12 @@ inline int64_t stream_write(stream* s, const void* buffer, size_t item_size, siz
   return stream_detail::do_write(s, buffer, item_size, count);
 }
 
+// A reader's bound on lengths read from a file: the bytes left behind the position of a read
+// stream on a regular file, INT64_MAX for any other stream. `size` caches the file's size between
+// calls; start it at STREAM_SIZE_UNASKED.
+constexpr int64_t STREAM_SIZE_UNASKED = -2;
+int64_t stream_remaining(stream* s, int64_t* size);
+
 // True where a read stream's file has ended without a read error: a failed read there is the end
 // of the data, anywhere else it is an error. Streams without a file handle never end this way.
 inline bool stream_at_end(const stream* s) {

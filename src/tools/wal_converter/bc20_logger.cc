@@ -1,7 +1,5 @@
 #include "tools/wal_converter/bc20_logger.h"
 
-#include <sys/stat.h>
-
 #include <array>
 #include <climits>
 #include <cstdint>
@@ -22,25 +20,12 @@ struct reader {
   stream* s;
   int64_t size;  // file size; kSizeUnasked until a length needs it, -1 where it can't be known
 };
-constexpr int64_t kSizeUnasked = -2;
+constexpr int64_t kSizeUnasked = STREAM_SIZE_UNASKED;
 
 // Bytes left behind the stream position. Lengths read from the file are held against it before
 // anything is allocated or read. A stream that isn't a regular file has no bound but the
 // allocation itself.
-int64_t remaining(reader* r) {
-  stream* s = r->s;
-  if (r->size == kSizeUnasked) {
-    r->size = -1;
-    struct stat st;
-    if (s->read == stream_file_read && s->handle != nullptr &&
-        px_fstat(fileno_unlocked(s->handle), &st) == 0 && S_ISREG(st.st_mode))
-      r->size = st.st_size;
-  }
-  if (r->size < 0) return INT64_MAX;
-  off_t pos = px_ftello(s->handle);
-  if (pos < 0 || pos >= r->size) return 0;
-  return r->size - pos;
-}
+int64_t remaining(reader* r) { return stream_remaining(r->s, &r->size); }
 
 inline bool rd_int(reader* r, int32_t* v) { return stream_read_int(r->s, v) == 1; }
 inline bool rd_lng(reader* r, int64_t* v) { return stream_read_lng(r->s, v) == 1; }
