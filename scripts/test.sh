@@ -12,8 +12,9 @@ build() {  # build <dir> <compiler> <extra cmake args...>
   cmake --build "$dir" -j "$jobs"
 }
 
-build build/release g++ -DCMAKE_BUILD_TYPE=RelWithDebInfo
-build build/asan clang++ -DCMAKE_BUILD_TYPE=Debug -DJ480_SANITIZE=ON -DJ480_BENCH=OFF
+common=(-DJ480_WERROR=ON -DJ480_FAULT_INJECTION=ON)
+build build/release g++ -DCMAKE_BUILD_TYPE=RelWithDebInfo "${common[@]}"
+build build/asan clang++ -DCMAKE_BUILD_TYPE=Debug -DJ480_SANITIZE=ON -DJ480_BENCH=OFF "${common[@]}"
 
 status=0
 echo "== tests: release build (g++)"

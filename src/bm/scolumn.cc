@@ -17,7 +17,7 @@ std::mutex g_seq_lock;
 int64_t g_seq = 0;
 
 void free_arrays(scolumn* scol) {
-  free(scol->blocks);
+  free(scol->blocks - scol->head);
   free(scol->offsets);
 }
 
@@ -25,11 +25,20 @@ void free_arrays(scolumn* scol) {
 // column of many blocks is built in linear time. The offsets follow once they exist. 0 when
 // memory runs out (nothing changed but a larger block array).
 int make_room(scolumn* scol) {
+  if (scol->head > 0 && scol->head >= scol->nblocks) {
+    // As many slots free at the front as are in use: sliding the blocks down is paid for by
+    // the removals that freed them.
+    memmove(scol->blocks - scol->head, scol->blocks,
+            static_cast<size_t>(scol->nblocks) * sizeof(iob*));
+    scol->blocks -= scol->head;
+    scol->head = 0;
+    return 1;
+  }
   int64_t capacity = scol->capacity + (scol->capacity / 2 > 8 ? scol->capacity / 2 : 8);
-  auto* blocks =
-      static_cast<iob**>(realloc(scol->blocks, static_cast<size_t>(capacity) * sizeof(iob*)));
+  auto* blocks = static_cast<iob**>(
+      realloc(scol->blocks - scol->head, static_cast<size_t>(capacity) * sizeof(iob*)));
   if (blocks == nullptr) return 0;
-  scol->blocks = blocks;
+  scol->blocks = blocks + scol->head;
   if (scol->offsets != nullptr) {
     auto* offsets = static_cast<int64_t*>(
         realloc(scol->offsets, static_cast<size_t>(capacity + 1) * sizeof(int64_t)));
@@ -91,7 +100,7 @@ void scolumn_destroy(scolumn* scol) {
 
 int scolumn_add_block(scolumn* scol, iob* block, bm_logger_action_list* list, MemContext* mem) {
   J480_ASSERT(CBM, block);
-  if (scol->nblocks == scol->capacity && !make_room(scol)) return 0;
+  if (scol->head + scol->nblocks == scol->capacity && !make_room(scol)) return 0;
   if (list != nullptr && scol->mode == SCOLUMN_MODE_LOGGED) {
     bm_logger_action* action =
         bm_action_blk_new(mem, scol->id, iob_get_file_nr(block), block->block_nr, block->bytes_used,
@@ -105,18 +114,36 @@ int scolumn_add_block(scolumn* scol, iob* block, bm_logger_action_list* list, Me
 }
 
 iob* scolumn_remove_block(scolumn* scol, iob* block, bm_logger_action_list* list, MemContext* mem) {
-  // Blocks mostly go from the end: search from there.
-  int64_t i = scol->nblocks;
-  while (i > 0 && scol->blocks[i - 1] != block) i--;
-  if (i == 0) return nullptr;
+  // Blocks mostly go from one of the ends (the newest after a failed load, the oldest when data
+  // ages out): search from both at once.
+  iob** blocks = scol->blocks;
+  const int64_t n = scol->nblocks;
+  int64_t i = -1;
+  for (int64_t lo = 0, hi = n - 1; lo <= hi; lo++, hi--) {
+    if (blocks[lo] == block) {
+      i = lo;
+      break;
+    }
+    if (blocks[hi] == block) {
+      i = hi;
+      break;
+    }
+  }
+  if (i < 0) return nullptr;
   if (list != nullptr && scol->mode == SCOLUMN_MODE_LOGGED) {
     bm_logger_action* action =
         bm_action_blk_del(mem, scol->id, iob_get_file_nr(block), block->block_nr);
     if (action == nullptr) return nullptr;
     action_list_append(list, action);
   }
-  memmove(scol->blocks + i - 1, scol->blocks + i,
-          static_cast<size_t>(scol->nblocks - i) * sizeof(iob*));
+  // Close the gap from the nearer end.
+  if (i < n / 2) {
+    memmove(blocks + 1, blocks, static_cast<size_t>(i) * sizeof(iob*));
+    scol->blocks++;
+    scol->head++;
+  } else {
+    memmove(blocks + i, blocks + i + 1, static_cast<size_t>(n - i - 1) * sizeof(iob*));
+  }
   scol->nblocks--;
   scol->ntuples = 0;
   iobm_release_block(scol->bm, block);

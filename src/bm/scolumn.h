@@ -23,10 +23,11 @@ struct scolumn {
   int64_t seq;  // creation number, process-wide
   int32_t mode;
   int32_t type;
-  iob** blocks;      // in tuple order
+  iob** blocks;      // in tuple order; `head` slots of the allocation lie before it
+  int64_t head;      // slots freed at the front: blocks - head is what was allocated
   int64_t* offsets;  // capacity + 1 entries: tuples before each block; made and filled by
                      // scolumn_tuple_count, null before
-  int64_t capacity;  // room in blocks
+  int64_t capacity;  // room in the allocation, head included
   int64_t nblocks;
   int64_t ntuples;  // total tuples; 0: not computed
   iobm* bm;
@@ -42,7 +43,8 @@ void scolumn_destroy(scolumn* scol);
 // when given and the column is logged. 1, or 0 when memory runs out (nothing changed).
 int scolumn_add_block(scolumn* scol, iob* block, bm_logger_action_list* list, MemContext* mem);
 // Removes `block`, logging blk_del like scolumn_add_block, and releases the column's reference:
-// the pointer, or null where the block isn't in the column (nothing changed).
+// the pointer, or null where the block isn't in the column (nothing changed). Blocks go from
+// either end in constant time; from elsewhere the cost is the distance to the nearer end.
 iob* scolumn_remove_block(scolumn* scol, iob* block, bm_logger_action_list* list, MemContext* mem);
 // The total of the blocks' tuple counts, filling offsets on the way.
 int64_t scolumn_tuple_count(scolumn* scol);
