@@ -6,10 +6,17 @@
 #include <algorithm>
 #include <array>
 #include <deque>
+#include <map>
 #include <string>
 #include <vector>
 
+#include "kernel/prim_gen.h"
+#include "kernel/primitive.h"
+#include "kernel/ptype.h"
+#include "updates/pdt.h"
+#include "updates/value_space.h"
 #include "utils/cvlog.h"
+#include "utils/mem.h"
 #include "utils/posix.h"
 
 namespace {
@@ -43,7 +50,7 @@ const ptype_info kPtypes[] = {
     {"s128", 16, true}, {"uidx", 8, true}, {"ptr", 8, true},   {"flt", 4, true},
     {"dbl", 8, true},   {"str", 8, false},
 };
-enum : int32_t { PT_UCHR = 1, PT_STR = 13 };
+enum : int32_t { PT_UCHR = 1, PT_SLNG = 6, PT_PTR = 10, PT_FLT = 11, PT_DBL = 12, PT_STR = 13 };
 
 // Logical types a column may have: the text, its physical type and digit/scale ranges.
 struct ltype_info {
@@ -153,6 +160,28 @@ struct index_def {
   std::vector<std::string> data_lines;
 };
 
+// One item of a table's image under its write-PDT records: a run of untouched stable rows
+// [a, b), a stable row (a = its SID) with the columns its updates set, or an inserted row
+// (a = -1, every column set). Values are the bytes of a fixed-size element, or a string's text.
+struct image_item {
+  bool run = false;
+  int64_t a = 0, b = 0;
+  std::vector<std::string> vals;
+  std::vector<bool> set;
+  int64_t rows() const { return run ? b - a : 1; }
+};
+
+// What the write-PDT records of a table have done so far, as a plain image to compare with.
+struct table_pdt {
+  int32_t records = 0;
+  int32_t resets = 0;  // increment columns emptied by a dropped join index
+  bool kept = false;   // a write-PDT stands in the catalog after the replay
+  int64_t stable = 0;  // stable rows the updates lie over
+  uint32_t n_table_cols = 0;
+  std::vector<int32_t> pts;  // physical type of every column, increment columns slng
+  std::vector<image_item> image;
+};
+
 struct table_def {
   int64_t id;
   std::string name;
@@ -163,6 +192,7 @@ struct table_def {
   int32_t incoming_slots = 0;  // join indexes ever registered with this table
   std::vector<std::string> incoming;  // their names, "" where dropped
   int32_t incoming_refs = 0;   // live indexes of other tables that name one of its keys
+  table_pdt pdt;
   bool live = true;
   int64_t live_sgs() const {
     int64_t n = 0;
@@ -826,16 +856,39 @@ struct gen {
     }
     // Tables are dropped now and then, never below half the tables asked for.
     if (live < 2 || 2 * live <= o->tables || cands.empty()) return false;
-    size_t tn = cands[static_cast<size_t>(r.below(static_cast<int64_t>(cands.size())))];
+    drop_table(cands[static_cast<size_t>(r.below(static_cast<int64_t>(cands.size())))], false);
+    return true;
+  }
+
+  // Drops table `tn` in a transaction of its own. With `keep_join` its first join index goes
+  // with the table rather than before it, which takes the join index's increment column out of
+  // the referenced table's write-PDT; any other join index is dropped first.
+  void drop_table(size_t tn, bool keep_join) {
     table_def& t = tables[tn];
     begin();
-    for (size_t i = 0; i < t.idx.size(); i++)
-      if (t.idx[i].live && t.idx[i].code == IX_JOIN) drop_index(tn, i);
+    int64_t kept = -1;
+    for (size_t i = 0; i < t.idx.size(); i++) {
+      if (!t.idx[i].live || t.idx[i].code != IX_JOIN) continue;
+      if (keep_join && kept < 0)
+        kept = static_cast<int64_t>(i);
+      else
+        drop_index(tn, i);
+    }
     for (sgroup& g : t.sgs)
       if (g.live) delete_blocks(g.st, g.st.remembered());
     for (index_def& ix : t.idx)
       if (ix.live && ix.has_storage) delete_blocks(ix.st, ix.st.remembered());
     bc20_log_cat_table_del(w, t.id);
+    if (kept >= 0) {
+      const index_def& ji = t.idx[static_cast<size_t>(kept)];
+      table_def& rt = tables[static_cast<size_t>(ji.ref_table)];
+      for (size_t s = 0; s < rt.incoming.size(); s++)
+        if (rt.incoming[s] == ji.name) {
+          rt.incoming[s].clear();
+          if (rt.pdt.kept)
+            reset_increment_column(rt.pdt, rt.pdt.n_table_cols + static_cast<uint32_t>(s));
+        }
+    }
     for (sgroup& g : t.sgs)
       if (g.live) release_storage(g.st);
     for (size_t i = 0; i < t.idx.size(); i++) {
@@ -852,7 +905,6 @@ struct gen {
     t.live = false;
     sum->tables_dropped++;
     end();
-    return true;
   }
 
   bool try_drop_storage_group(size_t tn) {
@@ -1013,27 +1065,314 @@ struct gen {
     block_step(o->blocks);
   }
 
-  // An empty write-PDT of every live table: header, a value space of zero counts, no entries.
-  void write_pdts() {
-    begin();
-    bool wide = false;
-    for (const table_def& t : tables) {
-      if (!t.live) continue;
-      uint32_t ncols = static_cast<uint32_t>(t.cols.size()) + static_cast<uint32_t>(t.incoming_slots);
-      scratch.clear();
-      uint32_t head[2] = {32, 1};
-      scratch.insert(scratch.end(), reinterpret_cast<uint8_t*>(head),
-                     reinterpret_cast<uint8_t*>(head) + 8);
-      put_raw64(scratch, 4 + 4 * static_cast<int64_t>(ncols));
-      put_raw64(scratch, 0);
-      scratch.insert(scratch.end(), 4 + 4 * static_cast<size_t>(ncols), 0);
-      if (wide)
-        bc20_log_pdt_new_64(w, t.id, scratch.data(), static_cast<int64_t>(scratch.size()));
-      else
-        bc20_log_pdt_new(w, t.id, scratch.data(), static_cast<uint32_t>(scratch.size()));
-      wide = !wide;
+  // ---- write-PDTs ----
+  MemContext* pdt_mem = nullptr;
+  bool pdt_failed = false;
+  std::map<std::string, int64_t> join_ids;  // live join indexes by name, while records are made
+
+  std::string random_value(int32_t pt) {
+    std::string v;
+    if (pt == PT_STR) {
+      static const char kChars[] = "abcdefghijklmnopqrstuvwxyz0123456789 _-";
+      for (int64_t n = r.range(0, 12); n > 0; n--) v += kChars[r.below(sizeof kChars - 1)];
+      return v;
     }
-    end();
+    uint8_t b[16];
+    if (pt == PT_FLT) {
+      float f = static_cast<float>(r.range(-100000, 100000)) / 4;
+      memcpy(b, &f, 4);
+    } else if (pt == PT_DBL) {
+      double d = static_cast<double>(r.range(-100000, 100000)) / 8;
+      memcpy(b, &d, 8);
+    } else {
+      uint64_t x[2] = {r.next(), r.next()};
+      memcpy(b, x, 16);
+    }
+    return std::string(reinterpret_cast<const char*>(b), static_cast<size_t>(kPtypes[pt].width));
+  }
+
+  static std::string lng_bytes(int64_t v) {
+    return std::string(reinterpret_cast<const char*>(&v), 8);
+  }
+
+  // Appends one value to a column's inserts or modifies: its position.
+  static uint32_t append_value(value_space* vs, uint32_t c, int32_t pt, const std::string& v,
+                               bool modify) {
+    alignas(16) char element[16] = {};
+    const char* text = v.c_str();
+    const void* src = &text;
+    if (pt != PT_STR) {
+      memcpy(element, v.data(), v.size());
+      src = element;
+    }
+    int64_t pos = modify ? value_space_append_modifies(vs, c, src, 0, nullptr, 1)
+                         : value_space_append_inserts(vs, c, src, 0, nullptr, 1);
+    return static_cast<uint32_t>(pos);
+  }
+
+  // Splits the image so that an item starts at row `rid` (at most the rows it has): its index.
+  static size_t image_split(std::vector<image_item>& img, int64_t rid) {
+    int64_t pos = 0;
+    for (size_t i = 0; i < img.size(); i++) {
+      if (rid == pos) return i;
+      if (rid < pos + img[i].rows()) {  // only a run holds more than one row
+        image_item tail = img[i];
+        tail.a = img[i].a + (rid - pos);
+        img[i].b = tail.a;
+        img.insert(img.begin() + static_cast<std::ptrdiff_t>(i) + 1, tail);
+        return i + 1;
+      }
+      pos += img[i].rows();
+    }
+    return img.size();
+  }
+
+  // The item of row `rid` alone, a stable row taken out of its run.
+  static image_item& image_row(table_pdt& p, int64_t rid) {
+    size_t i = image_split(p.image, rid);
+    image_split(p.image, rid + 1);
+    image_item& it = p.image[i];
+    if (it.run) {
+      it.run = false;
+      it.vals.assign(p.pts.size(), std::string());
+      it.set.assign(p.pts.size(), false);
+    }
+    return it;
+  }
+
+  static int64_t image_rows(const table_pdt& p) {
+    int64_t n = 0;
+    for (const image_item& it : p.image) n += it.rows();
+    return n;
+  }
+
+  // The write-PDT loses the modifies of increment column `c`; with no update left it goes.
+  static void reset_increment_column(table_pdt& p, uint32_t c) {
+    p.resets++;
+    bool updates = false;
+    int64_t stable_rows = 0;
+    for (image_item& it : p.image) {
+      if (it.run) {
+        stable_rows += it.rows();
+        continue;
+      }
+      if (it.a < 0) {
+        updates = true;
+        continue;
+      }
+      it.set[c] = false;
+      it.vals[c].clear();
+      stable_rows++;
+      for (bool set : it.set) updates |= set;
+    }
+    if (!updates && stable_rows == p.stable) p.kept = false;
+  }
+
+  // One write-PDT record of table `tn`: random updates over the image that its earlier records
+  // left, made in a tree of their own through the tree's operations, written in the legacy form.
+  void pdt_record(size_t tn) {
+    table_def& t = tables[tn];
+    table_pdt& p = t.pdt;
+    if (p.records == 0) {
+      p.n_table_cols = static_cast<uint32_t>(t.cols.size());
+      for (const column& c : t.cols) p.pts.push_back(c.pt);
+      p.pts.insert(p.pts.end(), t.incoming.size(), PT_SLNG);
+      int64_t dice = r.below(10);
+      p.stable = dice == 0 ? 0 : dice == 1 ? r.range(16400, 40000) : r.range(1, 3000);
+      if (p.stable > 0) {
+        image_item all;
+        all.run = true;
+        all.b = p.stable;
+        p.image.push_back(all);
+      }
+    }
+    const uint32_t ncols = static_cast<uint32_t>(p.pts.size());
+    const uint32_t n_ji = ncols - p.n_table_cols;
+    std::vector<const ptype*> types;
+    bool has_ptr = false;  // the value space has no primitives for ptr values: no inserts
+    for (uint32_t c = 0; c < p.n_table_cols; c++) {
+      types.push_back(ptype_by_name(kPtypes[p.pts[c]].adt));
+      has_ptr |= p.pts[c] == PT_PTR;
+    }
+    std::vector<int64_t> ji(n_ji + 1, 0);
+    std::vector<uint32_t> live_slots;
+    for (uint32_t s = 0; s < n_ji; s++) {
+      if (t.incoming[s].empty()) continue;
+      ji[s] = join_ids[t.incoming[s]];
+      live_slots.push_back(p.n_table_cols + s);
+    }
+    static const uint32_t kFanOuts[] = {3, 4, 5, 8, 16, 32, 64};
+    pdt* tree = pdt_create(pdt_mem, 0, kFanOuts[r.below(7)], static_cast<uint32_t>(r.range(1, 16)),
+                           types.data(), p.n_table_cols, nullptr, 0, nullptr, 0, ji.data(), n_ji);
+    value_space* vs = tree->value_space;
+    int64_t rows = image_rows(p);
+    bool ok = true;
+    int64_t n_ops = r.chance(10) ? 0 : r.chance(5) ? r.range(500, 2000) : r.range(1, 80);
+    for (; n_ops > 0; n_ops--) {
+      int64_t dice = r.below(100);
+      if (dice < 35) {
+        if (has_ptr) continue;
+        int64_t rid = r.range(0, rows);
+        image_item row;
+        row.a = -1;
+        row.set.assign(ncols, true);
+        uint32_t pos = 0;
+        for (uint32_t c = 0; c < ncols; c++) {
+          row.vals.push_back(c < p.n_table_cols ? random_value(p.pts[c])
+                                                : lng_bytes(r.range(-50, 50)));
+          pos = append_value(vs, c, p.pts[c], row.vals[c], false);
+        }
+        ok &= pdt_add_insert(tree, rid, pos, nullptr, nullptr, 0) == 0;
+        const size_t at = image_split(p.image, rid);  // before begin(): the split may move it
+        p.image.insert(p.image.begin() + static_cast<std::ptrdiff_t>(at), row);
+        rows++;
+        continue;
+      }
+      if (rows == 0) continue;
+      int64_t rid = r.below(rows);
+      if (dice < 65) {
+        uint32_t c = static_cast<uint32_t>(r.below(p.n_table_cols));
+        if (p.pts[c] == PT_PTR) continue;
+        std::string v = random_value(p.pts[c]);
+        ok &= pdt_add_modify(tree, rid, append_value(vs, c, p.pts[c], v, true),
+                             static_cast<uint16_t>(c)) == 0;
+        image_item& it = image_row(p, rid);
+        it.vals[c] = v;
+        it.set[c] = true;
+      } else if (dice < 77) {
+        if (live_slots.empty()) continue;
+        uint32_t c =
+            live_slots[static_cast<size_t>(r.below(static_cast<int64_t>(live_slots.size())))];
+        int64_t v = r.range(-1000, 1000);
+        ok &= pdt_add_increment(tree, rid, static_cast<uint16_t>(c), v) == 0;
+        image_item& it = image_row(p, rid);
+        int64_t sum = 0;
+        if (it.set[c]) memcpy(&sum, it.vals[c].data(), 8);
+        it.vals[c] = lng_bytes(sum + v);
+        it.set[c] = true;
+      } else {
+        int64_t n = 1 + r.below(std::min<int64_t>(rows - rid, r.chance(10) ? 40 : 3));
+        // Past one delete entry's reach now and then.
+        if (rows - rid > 16400 && r.chance(20))
+          n = r.range(16385, std::min<int64_t>(rows - rid, 20000));
+        for (int64_t left = n; left > 0; left -= PDT_BLOCK_DELETE_MAX)  // at most this a call
+          ok &= pdt_add_delete(tree, rid, std::min<int64_t>(left, PDT_BLOCK_DELETE_MAX), -1) == 0;
+        size_t from = image_split(p.image, rid), to = image_split(p.image, rid + n);
+        p.image.erase(p.image.begin() + static_cast<std::ptrdiff_t>(from),
+                      p.image.begin() + static_cast<std::ptrdiff_t>(to));
+        rows -= n;
+      }
+    }
+    std::string form(static_cast<size_t>(pdt_serialized_size(tree)), '\0');
+    ok &= pdt_serialize(tree, form.data(), static_cast<int64_t>(form.size())) == 0;
+    pdt_unref(tree);
+    // Today's value space opens with a count of inserts per column, the legacy one with one
+    // count for all; the rest is the same.
+    int64_t vs_size = 0;
+    memcpy(&vs_size, form.data() + 8, 8);
+    for (uint32_t c = 1; c < ncols; c++) ok &= memcmp(&form[24], &form[24 + 4 * c], 4) == 0;
+    std::string legacy = form.substr(0, 24);
+    int64_t legacy_vs_size = vs_size - 4 * static_cast<int64_t>(ncols) + 4;
+    memcpy(&legacy[8], &legacy_vs_size, 8);
+    legacy.append(form, 24, 4);
+    legacy.append(form, 24 + 4 * static_cast<size_t>(ncols), std::string::npos);
+    if (r.chance(50))
+      bc20_log_pdt_new(w, t.id, legacy.data(), static_cast<uint32_t>(legacy.size()));
+    else
+      bc20_log_pdt_new_64(w, t.id, legacy.data(), static_cast<int64_t>(legacy.size()));
+    p.records++;
+    p.kept = true;
+    if (!ok) pdt_failed = true;
+  }
+
+  // Write-PDT records of most live tables, one to three each, in a random order and a few to a
+  // transaction; then up to two tables dropped together with a join index.
+  void write_pdts() {
+    ptype_register_all();
+    if (prim_lookup("gen_condense_slng_col", 1, 0) == nullptr)
+      prim_register_table(prim_gen_table());
+    pdt_mem = mem_context_create(nullptr, "wal20_gen_pdts");
+    for (const table_def& t : tables)
+      for (const index_def& ix : t.idx)
+        if (t.live && ix.live && ix.code == IX_JOIN) join_ids[ix.name] = ix.id;
+    std::vector<size_t> queue;
+    for (size_t k = 0; k < tables.size(); k++)
+      if (tables[k].live && r.chance(85))
+        for (int64_t n = r.range(1, 3); n > 0; n--) queue.push_back(k);
+    for (size_t i = queue.size(); i > 1; i--)
+      std::swap(queue[i - 1], queue[static_cast<size_t>(r.below(static_cast<int64_t>(i)))]);
+    bool open = false;
+    for (size_t k : queue) {
+      if (open && r.chance(50)) {
+        end();
+        open = false;
+      }
+      if (!open) begin();
+      open = true;
+      pdt_record(k);
+    }
+    if (open) end();
+    mem_context_remove(pdt_mem);
+    pdt_mem = nullptr;
+    for (int drops = 0; drops < 2; drops++) {
+      int64_t live = 0;
+      std::vector<size_t> cands;
+      for (size_t k = 0; k < tables.size(); k++) {
+        if (!tables[k].live) continue;
+        live++;
+        bool join = false;
+        for (const index_def& ix : tables[k].idx) join |= ix.live && ix.code == IX_JOIN;
+        if (join && tables[k].incoming_refs == 0) cands.push_back(k);
+      }
+      if (live < 2 || cands.empty() || !r.chance(70)) break;
+      drop_table(cands[static_cast<size_t>(r.below(static_cast<int64_t>(cands.size())))], true);
+    }
+  }
+
+  // The write-PDT model: see bc20_gen.h.
+  std::string pdt_model() {
+    std::string out;
+    for (const table_def& t : tables) {
+      const table_pdt& p = t.pdt;
+      if (!t.live || p.records == 0) continue;
+      out += "pdt " + std::to_string(t.id) + " " + std::to_string(p.stable) + " " +
+             std::to_string(p.records) + " " + std::to_string(p.resets) + " " +
+             std::to_string(p.kept ? 1 : 0);
+      for (int32_t pt : p.pts) out += std::string(" ") + kPtypes[pt].adt;
+      out += "\n";
+      if (!p.kept) continue;
+      int64_t keep_a = 0, keep_b = 0;  // the run of untouched stable rows not yet written
+      auto flush = [&] {
+        if (keep_b > keep_a)
+          out += "keep " + std::to_string(keep_a) + " " + std::to_string(keep_b) + "\n";
+        keep_a = keep_b = 0;
+      };
+      for (const image_item& it : p.image) {
+        bool touched = !it.run && it.a < 0;
+        for (size_t c = 0; !it.run && c < it.set.size(); c++) touched |= it.set[c];
+        if (!touched) {
+          int64_t b = it.run ? it.b : it.a + 1;
+          if (keep_b <= keep_a || keep_b != it.a) {
+            flush();
+            keep_a = it.a;
+          }
+          keep_b = b;
+          continue;
+        }
+        flush();
+        out += it.a < 0 ? std::string("insert") : "stable " + std::to_string(it.a);
+        for (size_t c = 0; c < p.pts.size(); c++) {
+          out += ' ';
+          if (!it.set[c])
+            out += '-';
+          else
+            out += (p.pts[c] == PT_STR ? "s" : "") + hex(it.vals[c].data(), it.vals[c].size());
+        }
+        out += "\n";
+      }
+      flush();
+    }
+    return out;
   }
 
   void setup() {
@@ -1071,6 +1410,14 @@ bool make_dir(const std::string& path) {
   if (px_mkdir(path.c_str(), 0777) == 0 || errno == EEXIST) return true;
   CV_ERROR(MODULE, "cannot create directory %s: %s", path.c_str(), strerror(errno));
   return false;
+}
+
+bool write_text(const char* path, const std::string& text) {
+  FILE* f = px_fopen(path, "wb");
+  bool ok = f != nullptr && px_fwrite(text.data(), 1, text.size(), f) == text.size();
+  if (f != nullptr && px_fclose(f) != 0) ok = false;
+  if (!ok) CV_ERROR(MODULE, "cannot write the model file %s", path);
+  return ok;
 }
 
 }  // namespace
@@ -1120,16 +1467,14 @@ int bc20_gen_run(const bc20_gen_options* options, bc20_gen_summary* summary) {
   for (const location_def& l : g.locs)
     if (l.live) entries.push_back({l.name, paths[p++]});
   summary->map_lines = static_cast<int64_t>(entries.size());
-  if (options->model_path != nullptr) {
-    std::string text = g.model(dir);
-    FILE* f = px_fopen(options->model_path, "wb");
-    bool ok = f != nullptr && px_fwrite(text.data(), 1, text.size(), f) == text.size();
-    if (f != nullptr && px_fclose(f) != 0) ok = false;
-    if (!ok) {
-      CV_ERROR(MODULE, "cannot write the model file %s", options->model_path);
-      result = -1;
-    }
+  if (g.pdt_failed) {
+    CV_ERROR(MODULE, "bc20_gen_run: a write-PDT update failed");
+    result = -1;
   }
+  if (options->model_path != nullptr && !write_text(options->model_path, g.model(dir)))
+    result = -1;
+  if (options->pdt_model_path != nullptr && !write_text(options->pdt_model_path, g.pdt_model()))
+    result = -1;
   if (bc20_location_map_write((cbm + J480_PATH_SEP + "location_map").c_str(), entries.data(),
                               entries.size()) != 0)
     result = -1;

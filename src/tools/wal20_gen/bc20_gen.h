@@ -32,14 +32,24 @@
 //     sizes (numgroups <= maxgroups, minmax data sized by column width, jis data numgroups + 1
 //     words); minmax_data for fixed columns, minmax_vardata for str columns.
 //  7. Drops: an index is dropped only when no live index names it; a table only when no other
-//     table refers to it, after its join indexes and blocks have been dropped, and never the last
-//     live table; a storage group only when its table keeps another one and no live index uses its
-//     columns; a location only when no file lives in it. Nothing dropped is named again, and
-//     cat_location_update only adds usage bits to a live location.
+//     table refers to it, after its join indexes (all but one in item 9) and blocks have been
+//     dropped, and never the last live table; a storage group only when its table keeps another
+//     one and no live index uses its columns; a location only when no file lives in it. Nothing
+//     dropped is named again, and cat_location_update only adds usage bits to a live location.
 //  8. Names: table names, index names and location names are unique over the history and never
 //     start with '_'; no file is named "0"; the location map holds one line per live location.
-//  9. With target_size, block transactions (adds, and a few deletes of known blocks) follow the
+//  9. With pdts, write-PDT records follow the history (below); then up to two tables are dropped
+//     together with a live join index, whose increment column the referenced table's write-PDT
+//     loses (any other join index of such a table is dropped before it).
+// 10. With target_size, block transactions (adds, and a few deletes of known blocks) follow the
 //     history until the log reaches that size; the last one started below it. No drop follows.
+// Write-PDT records: most live tables get one to three, in a random order, a few records to a
+// transaction, pdt_new or pdt_new_64 at random. Each record is a tree of its own, made through
+// the tree operations (updates/pdt.h) from random inserts, modifies, increments of the live join
+// index slots and deletes (some past 16384 rows) over the image that the table's earlier records
+// left, and written in the legacy form (tools/wal_converter/bc20_value_space.h). Its columns are
+// the table's columns, then one slng increment column per incoming join index slot. A table with
+// a ptr column gets no inserts and no modifies of it: the value space has no ptr primitives.
 // Locations have no directories on disk and data files are never written: only metadata.
 #ifndef J480_TOOLS_WAL20_GEN_BC20_GEN_H
 #define J480_TOOLS_WAL20_GEN_BC20_GEN_H
@@ -58,13 +68,15 @@ struct bc20_gen_options {
   int64_t target_size = 0;    // 0: none; else bulk block transactions until the log has it
   int32_t locations = 0;      // 0: single-location database; N: multi-location with N locations
   int big_endian = 0;
-  int pdts = 0;               // non-zero: an empty write-PDT record per live table at the end
+  int pdts = 0;               // non-zero: write-PDT records after the history (below)
   bc20_log_hook hook = nullptr;  // sees every record written
   void* hook_ctx = nullptr;
   // Storage column ids of dropped storage groups are taken again by later ones (lowest first).
   int reuse_scols = 0;
   // Where set, the live model at the end of the history is written to this file (below).
   const char* model_path = nullptr;
+  // Where set, what the write-PDT records give at the end is written to this file (below).
+  const char* pdt_model_path = nullptr;
 };
 
 // The model file: what a replay of the log must hold at its end, one item per line, fields
@@ -85,6 +97,19 @@ struct bc20_gen_options {
 //   jis <maxgroups> <numgroups> <groupsize>
 //   jiscol <array> <words...>
 //   incoming <slots> <name|~>...                                        (of the table above)
+//
+// The write-PDT model: per live table with write-PDT records, by ascending table id, the image
+// that replaying all its records gives over its stable rows. Kept apart from the model above,
+// which is what the catalog of a replay holds:
+//   pdt <table id> <stable rows> <records> <resets> <kept> <adt of every column...>
+//   keep <first sid> <end sid>      untouched stable rows [first, end)
+//   stable <sid> <value|->...       a stable row with the columns its updates set (-: untouched)
+//   insert <value>...               an inserted row
+// Image lines follow in image order, only where <kept> is 1: <kept> 0 means the write-PDT went
+// when a join index drop left it without updates. <resets> counts increment columns emptied by
+// such drops. The columns are the table's, then one slng per incoming join index slot. A value
+// is the hex of a fixed-size element's bytes as the value space holds it (an increment: the sum,
+// as slng), or "s" and the hex of a string's bytes.
 
 struct bc20_gen_summary {
   int64_t records[BC20_MAX_TAG + 1];  // records written, per tag

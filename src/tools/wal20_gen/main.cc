@@ -12,7 +12,8 @@
 //     --locations <n>        multi-location database with n data locations
 //     --single-location      single-location database with a default file (the default)
 //     --big-endian           typed integers byte-reversed, mark 04 D2
-//     --pdts                 an empty write-PDT record per live table at the end
+//     --pdts                 write-PDT records of random updates after the history
+//     --pdt-model <file>     writes what the write-PDT records give (see bc20_gen.h)
 //     --reuse-scols          storage column ids of dropped groups are taken again
 //     --model <file>         writes what a replay must hold at the end (see bc20_gen.h)
 // Prints a summary on standard output. Exit 0, or 1 on a bad option or a failed write.
@@ -29,7 +30,7 @@ namespace {
 const char kUsage[] =
     "Usage: %s --out <dbdir> [--seed N] [--tables N] [--columns N] [--blocks N]\n"
     "          [--transactions N] [--target-size BYTES[K|M|G]] [--locations N|--single-location]\n"
-    "          [--big-endian] [--pdts] [--reuse-scols] [--model <file>]\n"
+    "          [--big-endian] [--pdts] [--reuse-scols] [--model <file>] [--pdt-model <file>]\n"
     "Writes a synthetic J480 2.0 database: <dbdir>/CBM/LOG and <dbdir>/CBM/location_map.\n";
 
 bool parse_number(const char* text, int64_t max, int64_t* out) {
@@ -93,6 +94,9 @@ int main(int argc, char** argv) {
       o.reuse_scols = 1;
     } else if (a == "--model" && value != nullptr) {
       o.model_path = value;
+      i++;
+    } else if (a == "--pdt-model" && value != nullptr) {
+      o.pdt_model_path = value;
       i++;
     } else {
       bad = true;

@@ -167,9 +167,20 @@ bm_logger_action_list* generate_blocks(MemContext* mem, bc20_colgroup* group) {
   if (scg == nullptr || scg->scol == nullptr) return list;
   const scolumn* scol = scg->scol;
   const int64_t scolid = scol->id;
-  for (int64_t k = 0; k < scol->nblocks; k++) {
-    iob* b = scol->blocks[k];
-    put(list, bm_action_blk_new(mem, scolid, iob_get_file_nr(b), b->block_nr,
+  iob* const* blocks = scol->blocks;
+  const int64_t n = scol->nblocks;
+  // The blocks lie all over memory: fetch them ahead. Neighbours mostly share a group, whose
+  // file number is then taken once.
+  const cs_group* group_seen = nullptr;
+  int64_t file_nr = 0;
+  for (int64_t k = 0; k < n; k++) {
+    if (k + 16 < n) __builtin_prefetch(blocks[k + 16]);
+    iob* b = blocks[k];
+    if (b->group != group_seen || group_seen == nullptr) {
+      group_seen = b->group;
+      file_nr = iob_get_file_nr(b);
+    }
+    put(list, bm_action_blk_new(mem, scolid, file_nr, b->block_nr,
                                 static_cast<int64_t>(b->bytes_used),
                                 static_cast<int64_t>(b->num_tuples)));
   }
