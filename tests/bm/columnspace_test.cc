@@ -1,6 +1,6 @@
-// Columnspace: sizes and numbering, the default file, growth by doubling and its refusal, groups
-// of consecutive blocks, the life of a file, the free-run step against a model, and the
-// assertions.
+// Columnspace: sizes and numbering; marks, growth by doubling and its refusal, groups of
+// consecutive blocks and the life of a file against a model; the free-run step against a model;
+// the assertions.
 #include "bm/columnspace.h"
 
 #include <gtest/gtest.h>
@@ -89,50 +89,6 @@ TEST(Columnspace, SizesRoundAndFilesNumberUpward) {
     EXPECT_EQ(columnspace_file_unref(f), 1);
   }
   columnspace_destroy(cs);
-}
-
-TEST(Columnspace, DefaultFileIsSetClearedAndLeavesWithItsFile) {
-  EXPECT_EQ(columnspace_get_default_file(nullptr), -1);
-  columnspace_set_default_file(nullptr, 3);  // accepted, nothing happens
-  columnspace* cs = make_cs(8, 64);
-  columnspace_file_ref(columnspace_register_file(cs, nullptr, nullptr, "0", 1, -1));
-  columnspace_set_default_file(cs, 0);
-  columnspace_set_default_file(cs, kNoFile);  // cleared, so it can be set again
-  columnspace_set_default_file(cs, 0);
-  iob* b = mark(cs, 0, 5, 3);
-  EXPECT_EQ(columnspace_file_unref(columnspace_get_file(cs, 0)), 0);  // a block is in use
-  iob_release(b);  // the last block of an unreferenced file: the file goes, the default too
-  EXPECT_EQ(columnspace_get_file(cs, 0), nullptr);
-  EXPECT_EQ(columnspace_get_default_file(cs), kNoFile);
-  columnspace_register_file(cs, nullptr, nullptr, "0", 1, 4);
-  columnspace_set_default_file(cs, 4);
-  columnspace_destroy(cs);  // drops the unreferenced default file
-}
-
-TEST(Columnspace, MarkingGrowsByDoublingOrFailsWhenGrowthIsOff) {
-  // (metadata_size, grow, block_nr, nr_blocks after); a refusal leaves the size at 64.
-  const std::vector<std::array<int64_t, 4>> cases = {
-      {1, 1, 63, 64},     {1, 1, 64, 128}, {1, 1, 100, 128}, {64, 1, 1000, 1024},
-      {128, 1, 256, 512}, {1, 0, 63, 64},  {1, 0, 64, 64},   {1, 0, 100, 64}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c[2]);
-    columnspace* cs = make_cs(8, c[0], static_cast<int32_t>(c[1]));
-    cs_file* f = columnspace_register_file(cs, nullptr, nullptr, "f", 0, 1);
-    iob* b = nullptr;
-    std::string err = err_of([&] { b = mark(cs, 1, 9, c[2]); });
-    EXPECT_EQ(f->nr_blocks, c[3]);
-    EXPECT_EQ(err, b != nullptr ? ""
-                                : "ERROR:CBM:columnspace_mark_used: could not grow columnspace "
-                                  "to desired size " +
-                                      std::to_string(c[2]) + " (is now 64).\n");
-    EXPECT_EQ(b != nullptr, c[1] != 0 || c[2] < 64);
-    EXPECT_EQ(columnspace_file_used_blocks(f), b != nullptr ? 1 : 0);
-    expect_valid(f);
-    if (b != nullptr) iob_release(b);  // the last block of an unreferenced file: it goes
-    EXPECT_EQ(cs->num_files, b != nullptr ? 0 : 1);
-    if (b == nullptr) columnspace_file_ref(f), columnspace_file_unref(f);
-    columnspace_destroy(cs);
-  }
 }
 
 // Marks and frees at random against a model of each file (owner and model group per block: a

@@ -1,5 +1,5 @@
-// The 2.5 logger's life: open and create, commit with its brackets and its failure path at every
-// system call, the state assertions, the lists, the location map lines and the key files.
+// The 2.5 logger's life: open and create, commit and its failure path at every system call, the
+// state assertions, the lists, the location map lines and the key files.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -98,22 +98,6 @@ TEST_F(LoggerLife, OpenWritesTheVersionIntoANewFileOnlyAndStandsAtTheEnd) {
   EXPECT_EQ(err, "ERROR:LOGGER:bm_logger_open: failed creating WAL file '" + bad + "'\n");
   EXPECT_EQ(bm_logger_open_location_map(open_log(), bad.c_str()), 0);
   EXPECT_EQ(l_->location_map, nullptr);
-}
-
-TEST_F(LoggerLife, CommitBracketsOnlyANonEmptyListWithATransactionId) {
-  ASSERT_NE(open_log(), nullptr);
-  bm_logger_action_list* empty = action_list_new(mem_);
-  EXPECT_EQ(commit(nullptr, 0), 1);
-  EXPECT_EQ(commit(empty, 0), 1);
-  EXPECT_EQ(commit(blocks(2), 5), 1);
-  // Without an id the list joins a transaction the caller holds open.
-  EXPECT_EQ(bm_logger_tr_new(l_, 6), 1);
-  EXPECT_EQ(commit(blocks(1), -1), 1);
-  EXPECT_EQ(bm_logger_tr_end(l_, 6), 1);
-  EXPECT_EQ(l_->state, BM_TR_END);
-  EXPECT_EQ(commit(empty, 0), 1);
-  EXPECT_EQ(j480test::read_file(log_),
-            head() + tr(0, 5) + blk(1) + blk(2) + tr(1, 5) + tr(0, 6) + blk(1) + tr(1, 6));
 }
 
 TEST_F(LoggerLife, ActionsTheWriterRefusesFailTheCommitAndRewind) {
@@ -360,23 +344,6 @@ TEST_F(LoggerLife, KeyFilesAreCreatedVerifiedAndRefused) {
   EXPECT_EQ(commit(del, 0, &err), 1);
   EXPECT_EQ(err, "# WARN:LOGGER:bm_logger_cat_location_del: unable to unlink db_key file '" + dir2 +
                      "/db_key'\n");
-}
-
-TEST_F(LoggerLife, PrintWritesBesideTheBlockManagersPath) {
-  ASSERT_NE(open_log(), nullptr);
-  ASSERT_EQ(commit(blocks(1), 3), 1);
-  iobm bm = {};
-  std::string path = tmp_.path();
-  bm.dbpath = path.data();
-  bm_logger_set_iobm(&bm);
-  stream* s = open_binary_read_stream(log_.c_str());
-  err_of([&] { EXPECT_EQ(bm_logger_print(s, 1), 0); });
-  stream_close_destroy(s);
-  EXPECT_EQ(
-      j480test::read_file(tmp_.file("_LOG_XML")),
-      "<wal base_version=\"4851035686591004672\" cur_version=\"1\">\n<tr trid=\"3\">\n"
-      "<blk_new scolid=\"1\" file_nr=\"1\" block_nr=\"1\" bytes_used=\"8\" num_tuples=\"2\"/>\n"
-      "</tr trid=\"3\">\n</wal>\n");
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// The XML dump of a 2.0 log: where the text goes, damaged transactions, the version refusal.
+// The XML dump of a 2.0 log: where the text goes and damaged transactions. The version refusal
+// is the driver's (cli_test.cc).
 // Every element's format is checked against generated logs (tests/tools/wal20_gen).
 #include "tools/wal_converter/bc20_logger_print.h"
 
@@ -48,7 +49,6 @@ class Bc20Print : public testing::Test {
     return rc;
   }
   std::string xml() const { return j480test::read_file(cbm_ + "/_LOG_XML_20"); }
-  bool xml_exists() const { return j480test::exists(cbm_ + "/_LOG_XML_20"); }
 
   // The log lines a dump of `elements` writes, in order.
   static std::vector<std::string> log_lines(const std::vector<std::string>& elements) {
@@ -111,20 +111,6 @@ TEST_F(Bc20Print, DamagedTransactionsAreSkippedAndTheDumpGoesOn) {
                               "</tr trid=\"1\">", "<cs_new_defaultfile id=\"0\" blksz=\"0\"/>",
                               "<tr trid=\"5\">", "<file_del file_nr=\"5\"/>",
                               "</tr trid=\"5\">", "</wal>"}));
-}
-
-TEST_F(Bc20Print, VersionTestRefusesConvertedLogsAndPassesNegativeWords) {
-  const std::string refusal =
-      "ERROR:LOGGER:Incompatible database version detected, database already converted.\n";
-  for (int64_t word : {0x435257414C000001LL, 0LL, 0x435257414D000000LL}) {
-    EXPECT_EQ(dump(LogBytes().head(word).i32(0).lng(1).i32(1).lng(1).bytes()), -1);
-    EXPECT_EQ(err_, refusal);
-    EXPECT_FALSE(xml_exists());
-  }
-  // A file of the mark alone has no word: -1 passes, and shows as such.
-  EXPECT_EQ(dump(LogBytes().i16(1234).bytes()), 0);
-  EXPECT_EQ(xml(), file_text({"<wal base_version=\"-16777216\" cur_version=\"16777215\">", "</wal>"}));
-  EXPECT_EQ(bc20_bm_logger_print(nullptr, 1), -1);
 }
 
 }  // namespace
