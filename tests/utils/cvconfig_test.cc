@@ -167,54 +167,29 @@ TEST_F(CvconfigTest, LayersReadThroughParentsAndLastSetWins) {
             std::string::npos);
 }
 
-TEST_F(CvconfigTest, NameTableRoundTripsAndGroupsResolve) {
+// Every property: its name leads back to it (port names the client's), and the defaults hold it
+// with its type; no default fails its validator.
+TEST_F(CvconfigTest, NameTableRoundTripsDefaultsHoldEveryPropertyAndGroupsResolve) {
+  EXPECT_EQ(err_of([] { cvconfig_destroy(cvconfig_create()); }), "");
   for (int32_t id = 1; id <= CVCONFIG_NUM_PROPERTIES; id++) {
     const char* name = root_->names[id];
     ASSERT_NE(name, nullptr);
     EXPECT_EQ(cvconfig_property_id(cmdline_, name), id == CVPROP_PORT ? CVPROP_CLIENT_PORT : id)
         << name;
-  }
-  EXPECT_EQ(cvconfig_property_id(cmdline_, "port"), 18);
-  EXPECT_EQ(cvconfig_property_id(cmdline_, "no_such_key"), 0);
-  EXPECT_EQ(cvconfig_group_id(root_, "default"), CVGROUP_DEFAULT);
-  EXPECT_EQ(cvconfig_group_id(root_, "engine"), CVGROUP_ENGINE);
-  EXPECT_EQ(cvconfig_group_id(root_, "cbm"), CVGROUP_CBM);
-  EXPECT_EQ(cvconfig_group_id(root_, "nope"), 0);
-}
-
-TEST(CvconfigDefaults, EveryPropertyIsPresentWithItsTypeAndNoDefaultFails) {
-  cvconfig* root = nullptr;
-  EXPECT_EQ(err_of([&] { root = cvconfig_create(); }), "");
-  cvconfig_layer* d = cvconfig_defaults(root);
-  for (int32_t id = 1; id <= CVCONFIG_NUM_PROPERTIES; id++) {
     int32_t gid = 0, tpe = -1;
     ASSERT_TRUE(cvconfig_property_info(id, &gid, &tpe, nullptr));
-    property* p = property_find(d->groups[gid], root->names[id]);
-    ASSERT_NE(p, nullptr) << root->names[id];
-    EXPECT_EQ(p->tpe, tpe) << root->names[id];
+    property* p = property_find(defaults_->groups[gid], name);
+    ASSERT_NE(p, nullptr) << name;
+    EXPECT_EQ(p->tpe, tpe) << name;
     EXPECT_EQ(p->cnt, 1);
   }
-  const struct {
-    int32_t gid, id;
-    double value;  // a string default is checked by its length: -1 for none
-  } defaults[] = {{CVGROUP_SERVER, CVPROP_PORT, 48130},
-                  {CVGROUP_SERVER, CVPROP_CENTURY_BOUNDARY, -1},
-                  {CVGROUP_SERVER, CVPROP_DBFARM_PATH, -1},
-                  {CVGROUP_MEMORY, CVPROP_LARGE_ALLOCATION_LIMIT, 0.8},
-                  {CVGROUP_MEMORY, CVPROP_MAX_OVERALLOC, 2LL << 30},
-                  {CVGROUP_SYSTEM, CVPROP_LAZY_EVAL, 1},
-                  {CVGROUP_SYSTEM, CVPROP_MAX_OLD_LOG_SIZE, 2147483648LL}};
-  for (const auto& c : defaults) {
-    int32_t gid = 0, tpe = -1;
-    cvconfig_property_info(c.id, &gid, &tpe, nullptr);
-    double got = tpe == PROP_TPE_DBL    ? cvconfig_get_dbl(d, c.gid, c.id)
-                 : tpe == PROP_TPE_BOOL ? cvconfig_get_bool(d, c.gid, c.id)
-                 : tpe == PROP_TPE_STR  ? -1.0 + (cvconfig_get_str(d, c.gid, c.id) != nullptr)
-                                        : static_cast<double>(cvconfig_get_lng(d, c.gid, c.id));
-    EXPECT_DOUBLE_EQ(got, c.value) << root->names[c.id];
-  }
-  EXPECT_STREQ(cvconfig_get_str(d, CVGROUP_ENGINE, CVPROP_SORT_COMPRESSION), "AUTO");
-  cvconfig_destroy(root);
+  EXPECT_STREQ(cvconfig_get_str(cmdline_, CVGROUP_ENGINE, CVPROP_SORT_COMPRESSION), "AUTO")
+      << "the last group reads through like the others";
+  EXPECT_EQ(cvconfig_property_id(cmdline_, "port"), 18);
+  EXPECT_EQ(cvconfig_property_id(cmdline_, "no_such_key"), 0);
+  for (const auto& [name, gid] : {std::pair<const char*, int32_t>{"default", CVGROUP_DEFAULT},
+                                   {"engine", CVGROUP_ENGINE}, {"cbm", CVGROUP_CBM}, {"nope", 0}})
+    EXPECT_EQ(cvconfig_group_id(root_, name), gid) << name;
 }
 
 TEST(PropertyListDeathTest, LookupComparesTextNotJustPointersOrPrefixes) {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <functional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -32,43 +33,56 @@ class CvLog : public testing::Test {
 
 // ---- Decoration of a line ----
 
-TEST_F(CvLog, DefaultConfigurationWritesInfoAndUpToStandardError) {
-  std::string out;
-  std::string err = err_of([&] {
-    out = out_of([] {
-      CV_INFO("WAL_CONVERTER", "J480 WAL 2.0 converter version %d", 7);
-      CV_ERROR("CBM", "broken");
-      CV_WARN("CBM", "odd");
-      CV_DEBUG("CBM", "hidden");
-      CV_INFO(nullptr, "no facility");
-    });
-  });
-  EXPECT_EQ(err,
-            "#WAL_CONVERTER:J480 WAL 2.0 converter version 7\n"
-            "ERROR:CBM:broken\n"
-            "# WARN:CBM:odd\n"
-            "#no facility\n");
-  EXPECT_EQ(out, "");
-}
-
-TEST_F(CvLog, ColourEscapesOnlyOnSinksWithColourFlag) {
-  use("default=stdout,CBM=red:stdout:stderr,PDT=brightblue:stdout");
-  std::string out, err;
-  err = err_of([&] {
-    out = out_of([] {
-      CV_ERROR(nullptr, "e");
-      CV_WARN(nullptr, "w");
-      CV_INFO(nullptr, "i");
-      CV_INFO("CBM", "c");
-      CV_DEBUG("PDT", "p");
-    });
-  });
-  EXPECT_EQ(out,
-            "\x1b[1;31mERROR:e\x1b[m\n"
-            "#\x1b[1;33m WARN:w\x1b[m\n"
-            "#i\x1b[m\n"
-            "#CBM:\x1b[0;31mc\x1b[m\n");
-  EXPECT_EQ(err, "#CBM:c\n");
+// Per configuration, what lines reach standard error and standard output: levels, level names,
+// colours on the sinks that have the flag, and a message cleaned into one line, or emptied when it
+// doesn't fit.
+TEST_F(CvLog, LinesAreDecoratedPerSinkAndCleanedIntoOneLine) {
+  static const std::string fits(CV_LOG_BUFFER_SIZE - 1, 'x'), too_long(CV_LOG_BUFFER_SIZE, 'x');
+  auto every_level = [] {
+    for (int level = CV_LOG_ERROR; level <= CV_LOG_TRACE; level++) CV_LOG("M", level, "l%d", level);
+  };
+  const struct {
+    const char* config;  // nullptr: the defaults
+    std::function<void()> lines;
+    std::string err, out;
+  } cases[] = {
+      {nullptr,
+       [] {
+         CV_INFO("WAL_CONVERTER", "J480 WAL 2.0 converter version %d", 7);
+         CV_ERROR("CBM", "broken");
+         CV_WARN("CBM", "odd");
+         CV_DEBUG("CBM", "hidden");
+         CV_INFO(nullptr, "no facility");
+       },
+       "#WAL_CONVERTER:J480 WAL 2.0 converter version 7\nERROR:CBM:broken\n# WARN:CBM:odd\n"
+       "#no facility\n",
+       ""},
+      {"default=stdout,CBM=red:stdout:stderr,PDT=brightblue:stdout",
+       [] {
+         CV_ERROR(nullptr, "e");
+         CV_WARN(nullptr, "w");
+         CV_INFO(nullptr, "i");
+         CV_INFO("CBM", "c");
+         CV_DEBUG("PDT", "p");
+       },
+       "#CBM:c\n",
+       "\x1b[1;31mERROR:e\x1b[m\n#\x1b[1;33m WARN:w\x1b[m\n#i\x1b[m\n#CBM:\x1b[0;31mc\x1b[m\n"},
+      {"default=trace,stderr=showlevel", every_level,
+       "ERROR:M:l0\n WARN:M:l1\n INFO:M:l2\nDEBUG:M:l3\nTRACE:M:l4\n", ""},
+      {"default=trace,stderr=flush", every_level, "ERROR:M:l0\n WARN:M:l1\nM:l2\nM:l3\nM:l4\n", ""},
+      {nullptr, [] { CV_INFO("A", "one\ntwo\r\nthree\n"); }, "#A:one two  three\n", ""},
+      {nullptr, [] { CV_INFO("A", "a\n\nb"); }, "#A:a  b\n", ""},
+      {nullptr, [] { CV_INFO("A", "%s", ""); }, "#A:", ""},
+      {"default=stdout", [] { CV_INFO("A", "%s", ""); }, "", "#A:\x1b[m"},
+      {nullptr, [] { CV_ERROR("A", "%s", fits.c_str()); }, "ERROR:A:" + fits + "\n", ""},
+      {nullptr, [] { CV_ERROR("A", "%s", too_long.c_str()); }, "ERROR:A:", ""},
+  };
+  for (const auto& c : cases) {
+    use(c.config);
+    std::string out;
+    EXPECT_EQ(err_of([&] { out = out_of(c.lines); }), c.err) << (c.config ? c.config : "defaults");
+    EXPECT_EQ(out, c.out) << (c.config ? c.config : "defaults");
+  }
 }
 
 TEST_F(CvLog, PrefixPiecesComeInTheirOrder) {
@@ -114,43 +128,6 @@ TEST_F(CvLog, TimestampsHaveTheirShapesAndTellTheTime) {
     EXPECT_LE(before - 1, logged) << config << ": " << err;
     EXPECT_LE(logged, time(nullptr)) << config << ": " << err;
   }
-}
-
-TEST_F(CvLog, LevelNameAlwaysForErrorAndWarnOtherwiseOnlyWithShowlevel) {
-  auto every_level = [] {
-    for (int level = CV_LOG_ERROR; level <= CV_LOG_TRACE; level++) CV_LOG("M", level, "l%d", level);
-  };
-  use("default=trace,stderr=showlevel");
-  EXPECT_EQ(err_of(every_level), "ERROR:M:l0\n WARN:M:l1\n INFO:M:l2\nDEBUG:M:l3\nTRACE:M:l4\n");
-  use("default=trace,stderr=flush");
-  EXPECT_EQ(err_of(every_level), "ERROR:M:l0\n WARN:M:l1\nM:l2\nM:l3\nM:l4\n");
-}
-
-TEST_F(CvLog, MessageIsCleanedIntoOneLineOrEmptiedWhenItDoesNotFit) {
-  EXPECT_EQ(err_of([] { CV_INFO("A", "one\ntwo\r\nthree\n"); }), "#A:one two  three\n");
-  EXPECT_EQ(err_of([] { CV_INFO("A", "a\n\nb"); }), "#A:a  b\n");
-  EXPECT_EQ(err_of([] { CV_INFO("A", "%s", ""); }), "#A:");
-  use("default=stdout");
-  EXPECT_EQ(out_of([] { CV_INFO("A", "%s", ""); }), "#A:\x1b[m");
-  use(nullptr);  // a message that does not fit goes out empty
-  std::string fits(CV_LOG_BUFFER_SIZE - 1, 'x');
-  std::string too_long(CV_LOG_BUFFER_SIZE, 'x');
-  EXPECT_EQ(err_of([&] { CV_ERROR("A", "%s", fits.c_str()); }), "ERROR:A:" + fits + "\n");
-  EXPECT_EQ(err_of([&] { CV_ERROR("A", "%s", too_long.c_str()); }), "ERROR:A:");
-}
-
-TEST_F(CvLog, FileSinkDefaultsAppendToTheNamedFile) {
-  j480test::TempDir dir;
-  std::string path = dir.file("x.log");
-  write_file(path, "old\n");
-  use(("CBM=file\nfilename=" + path).c_str());
-  EXPECT_EQ(err_of([] { CV_WARN("CBM", "to the file"); }), "");
-  cv_log_reset_for_tests();  // closes the file
-  char pid[16];
-  snprintf(pid, sizeof pid, "PID%6d:", static_cast<int>(getpid()));
-  std::string shape = "old\n[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} " +
-                      std::string(pid) + " WARN:CBM:to the file\n";
-  EXPECT_TRUE(std::regex_match(read_file(path), std::regex(shape))) << read_file(path);
 }
 
 // ---- Configuration ----
@@ -223,6 +200,9 @@ TEST_F(CvLog, FacilityItemsMixValuesAndCopyTheDefaultAsItStands) {
   EXPECT_EQ(cv_log_find_facility("KERNEL")->sinks, CV_SINK_STDERR);
   EXPECT_EQ(cv_log_find_facility("OTHER"), def);
   EXPECT_EQ(cv_log_facility_count(), 4);
+  EXPECT_STREQ(cv_log_facility_at(4)->name, "CBM");  // 0 the default, 1..count the named
+  EXPECT_EQ(cv_log_facility_at(5), nullptr);
+  EXPECT_EQ(cv_log_facility_at(-1), nullptr);
 
   use("default=black");
   EXPECT_EQ(cv_log_facility_at(0)->color, 0);
@@ -256,17 +236,6 @@ TEST_F(CvLog, LongNamesAreCutAndSinkItemsReplaceTheWholeFlagSet) {
   EXPECT_EQ(cv_log_sink_at(CV_SINK_INDEX_STDERR)->comment, 1);  // untouched
 }
 
-TEST_F(CvLog, TokenizerWordsCommentsAndSeparators) {
-  j480test::TempDir dir;
-  std::string config = "  # a comment line\n\tMEM = debug , CBM=trace # trailing\n"
-                       "filename=\"" + dir.file("a b#c,d.log") + "\"\n";
-  use(config.c_str());
-  EXPECT_EQ(level_of("MEM"), CV_LOG_DEBUG);
-  EXPECT_EQ(level_of("CBM"), CV_LOG_TRACE);
-  EXPECT_EQ(std::string(cv_log_file_name()), dir.file("a b#c,d.log"));
-  EXPECT_NE(cv_log_sink_at(CV_SINK_INDEX_FILE)->stream, nullptr);
-}
-
 TEST_F(CvLog, ParseErrorReportsItsLineAndKeepsWhatWasParsed) {
   struct {
     const char* config;
@@ -291,18 +260,27 @@ TEST_F(CvLog, ParseErrorReportsItsLineAndKeepsWhatWasParsed) {
   EXPECT_EQ(cv_log_sink_at(CV_SINK_INDEX_STDOUT)->color, 0);
 }
 
-TEST_F(CvLog, DefaultFileNameInTheLogDirectoryOrTheWorkingDirectory) {
+TEST_F(CvLog, FileSinkAppendsToItsFileInTheLogDirectoryOrTheWorkingDirectory) {
   j480test::TempDir dir;
   setenv("CVLOG_DIRECTORY", dir.path().c_str(), 1);
+  write_file(dir.file("corvane.log"), "old\n");  // the file sink appends, with its own flags
   use("CBM=file");
   EXPECT_EQ(std::string(cv_log_file_name()), dir.file("corvane.log"));
-  CV_INFO("CBM", "here");
-  cv_log_reset_for_tests();
-  EXPECT_NE(read_file(dir.file("corvane.log")).find(" INFO:CBM:here\n"), std::string::npos);
+  EXPECT_EQ(err_of([] { CV_INFO("CBM", "here"); }), "");
+  cv_log_reset_for_tests();  // closes the file
+  char pid[16];
+  snprintf(pid, sizeof pid, "PID%6d:", static_cast<int>(getpid()));
+  const std::string shape = "old\n[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} " +
+                            std::string(pid) + " INFO:CBM:here\n";
+  EXPECT_TRUE(std::regex_match(read_file(dir.file("corvane.log")), std::regex(shape)))
+      << read_file(dir.file("corvane.log"));
 
-  j480test::TempDir other;
-  use(("filename=" + other.file("abs.log")).c_str());  // an absolute name stays
-  EXPECT_EQ(std::string(cv_log_file_name()), other.file("abs.log"));
+  j480test::TempDir other;  // an absolute name stays; words, comments and separators around it
+  use(("  # a comment line\n\tMEM = debug , CBM=trace # trailing\nfilename=\"" +
+       other.file("a b#c,d.log") + "\"\n").c_str());
+  EXPECT_EQ(level_of("MEM"), CV_LOG_DEBUG);
+  EXPECT_EQ(level_of("CBM"), CV_LOG_TRACE);
+  EXPECT_EQ(std::string(cv_log_file_name()), other.file("a b#c,d.log"));
   EXPECT_NE(cv_log_sink_at(CV_SINK_INDEX_FILE)->stream, nullptr);  // opened, though unused
   use("filename=rel.log");
   EXPECT_EQ(std::string(cv_log_file_name()), dir.file("rel.log"));
@@ -383,23 +361,16 @@ TEST_F(CvLog, LinesOfConcurrentThreadsNeverInterleave) {
 
 using CvLogDeathTest = CvLog;
 
-TEST_F(CvLogDeathTest, AssertionLogsExpressionAndVersionThenAborts) {
-  use("stderr=fileline");
-  volatile int one = 1;
-  EXPECT_DEATH(J480_ASSERT("CBM", one == 2),
-               "ERROR:CBM:[^\n]*cvlog_test\\.cc:[0-9]+:assertion \"one == 2\" failed\n"
-               "ERROR:CBM:[^\n]*cvlog_test\\.cc:[0-9]+:J480 Server version ");
-}
-
-TEST_F(CvLogDeathTest, AssertionWithMessageLogsFourLinesAndReachesTheLogFile) {
+TEST_F(CvLogDeathTest, AssertionsLogTheExpressionAndTheVersionAndReachTheLogFile) {
   j480test::TempDir dir;
-  use(("MEMCONTEXT=file:stderr\nfilename=" + dir.file("a.log")).c_str());
+  use(("MEMCONTEXT=file:stderr\nstderr=fileline\nfilename=" + dir.file("a.log")).c_str());
+  const std::string at = "ERROR:MEMCONTEXT:[^\n]*cvlog_test\\.cc:[0-9]+:";
   volatile int size = 7;
+  EXPECT_DEATH(J480_ASSERT("MEMCONTEXT", size == 2),
+               at + "assertion \"size == 2\" failed\n" + at + "J480 Server version ");
   EXPECT_DEATH(J480_ASSERT_MSG("MEMCONTEXT", size < 4, "size %d too big\n", size),
-               "ERROR:MEMCONTEXT:ASSERTION FAILED\n"
-               "ERROR:MEMCONTEXT:CODE: size < 4\n"
-               "ERROR:MEMCONTEXT:MESG: size 7 too big\n"
-               "ERROR:MEMCONTEXT:J480 Server version ");
+               at + "ASSERTION FAILED\n" + at + "CODE: size < 4\n" + at + "MESG: size 7 too big\n" +
+                   at + "J480 Server version ");
   std::string log = read_file(dir.file("a.log"));
   EXPECT_NE(log.find("ERROR:MEMCONTEXT:MESG: size 7 too big\n"), std::string::npos) << log;
   EXPECT_NE(log.find(std::string("ERROR:MEMCONTEXT:J480 Server version ") + version_str()),

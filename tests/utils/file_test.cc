@@ -45,6 +45,8 @@ TEST_F(FileTest, CreateDirMakesNestedDirectoriesAndRefusesRelativePaths) {
   ASSERT_EQ(file_stat(nested.c_str(), &st), 0);
   EXPECT_TRUE(S_ISDIR(st.st_mode));
   EXPECT_EQ(create_dir(nested.c_str()), 0);  // exists
+  EXPECT_EQ(create_dir((dir_.path() + "/x/y").c_str()), 0);  // the last name without a separator
+  EXPECT_EQ(file_stat((dir_.path() + "/x/y").c_str(), &st), 0);
 
   std::string err = err_of([] { EXPECT_EQ(create_dir("rel_dir_x/y"), -1); });
   EXPECT_TRUE(Contains(err, "create_dir: could not create path 'rel_dir_x/y' - path in not absolute"))

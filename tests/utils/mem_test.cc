@@ -7,6 +7,7 @@
 #include "support/test_support.h"
 
 #include <cstring>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -229,62 +230,6 @@ TEST_F(MemTest, RandomOperationsKeepCountersEqualToTheLiveAreas) {
 
 // ---- Areas and blocks ----
 
-TEST_F(MemDeathTest, ReallocToASmallerSizeAndDoubleFreeDie) {
-  MemContext* c = mem_context_create(root_, "c");
-  void* p = mem_malloc(c, 100);
-  EXPECT_DEATH(mem_realloc(c, p, 50, 0), Esc("assertion \"allocsize >= block->size\" failed"));
-  EXPECT_DEATH(mem_realloc(c, p, 200, J480_MEM_LARGE),
-               Esc("assertion \"(flags & MEM_REALLOC_VALID_FLAGS) == flags\" failed"));
-  EXPECT_DEATH(mem_mallocex(c, 10, 1), Esc("assertion \"(flags & MEM_ALLOC_VALID_FLAGS) == flags\""));
-  EXPECT_EQ(mem_realloc(c, p, 97, 0), p) << "a smaller size within the allocation unit is kept";
-  void* keep = mem_malloc(c, 10);  // keeps the area, and the freed header, alive
-  mem_free(c, p);
-  EXPECT_DEATH(mem_free(c, p), Esc("assertion \"!(block->flags & MEM_BLOCK_FREED)\" failed"));
-  mem_free(c, keep);
-}
-
-TEST_F(MemTest, LargeAndExactRequestsUseTheirOwnAreas) {
-  MemContext* c = mem_context_create(root_, "c");
-  void* x = mem_mallocex(c, 100, J480_MEM_EXACT);
-  const mem_area* ax = mem_block_of(x)->area;
-  EXPECT_EQ(c->large_areas, ax);
-  EXPECT_EQ(ax->size, 64 + 32 + 112 + 15u) << "exactly the needed size";
-  EXPECT_EQ(ax->mode, MEM_AREA_HEAP);
-  void* l = mem_mallocex(c, 100, J480_MEM_LARGE);
-  const mem_area* al = mem_block_of(l)->area;
-  EXPECT_EQ(al->mode, MEM_AREA_VM);
-  EXPECT_EQ(al->size, 65536u);
-  EXPECT_EQ(c->large_areas, al);
-  // Room left in the large area is not used by the next request.
-  EXPECT_NE(mem_block_of(mem_mallocex(c, 16, J480_MEM_LARGE))->area, al);
-  // Ordinary requests of half a mebibyte go to virtual memory, and come zeroed from it.
-  auto* z = static_cast<uint8_t*>(mem_calloc(c, 600000));
-  EXPECT_EQ(mem_block_of(z)->area->mode, MEM_AREA_VM);
-  EXPECT_EQ(z[0] | z[599999], 0);
-  expect_consistent(root_);
-  mem_free(c, l);
-  mem_free(c, x);
-  expect_consistent(root_);
-}
-
-TEST_F(MemTest, LargeBlockGrowsItsAreaWithinTheReservationWithoutMoving) {
-  MemContext* c = mem_context_create(root_, "c");
-  c->overalloc = 64 * MiB;
-  void* p = mem_mallocex(c, 100000, J480_MEM_LARGE);
-  const mem_area* a = mem_block_of(p)->area;
-  EXPECT_EQ(a->reserved, 64 * MiB);
-  EXPECT_EQ(a->size, 131072u);
-  EXPECT_EQ(c->curVM, 64 * MiB);
-  fill(p, 100000, 9);
-  void* q = mem_realloc(c, p, 10 * MiB, 0);
-  EXPECT_EQ(q, p);
-  EXPECT_EQ(mem_block_of(q)->area->size, 10 * MiB + 65536);
-  EXPECT_EQ(c->curMem, 10 * MiB + 65536);
-  EXPECT_TRUE(intact(q, 100000, 9));
-  memset(q, 1, 10 * MiB);
-  expect_consistent(root_);
-}
-
 TEST_F(MemTest, HugePageFailureFallsBackToNormalMapsWithAWarning) {
   g_system_platform.huge_page_size = 2 * MiB;
   MemContext* c = mem_context_create(root_, "c");
@@ -347,24 +292,6 @@ TEST_F(MemTest, ARootShareGrowsWithinTheAccountAndRefusesBeyondIt) {
   expect_consistent(root_);
 }
 
-TEST_F(MemTest, UseReservedOnlyDrawsOnTheReserveAndIsRefusedWithoutOne) {
-  MemContext* c = mem_context_create(root_, "resv");
-  std::string err = err_of([&] {
-    EXPECT_EQ(mem_mallocex(c, 100, J480_MEM_USE_RESERVED_ONLY | J480_MEM_ALLOWFAILURE), nullptr);
-    c->mem_rsrvd = 20000;
-    c->vm_rsrvd = 20000;
-    EXPECT_NE(mem_mallocex(c, 100, J480_MEM_USE_RESERVED_ONLY), nullptr);
-  });
-  for (const char* text : {"Context resv uses 16271 (mem) 16318 (vm) of the reserved memory.",
-                           "Not enough memory reserved in resv context for USE_RESERVED_ONLY "
-                           "allocation. mem_req = 16271 mem_reserved = 0 vm_req = 16318 "
-                           "vm_reserved = 0"})
-    EXPECT_NE(err.find(text), std::string::npos) << err;
-  EXPECT_EQ(c->mem_rsrvd, 20000 - 16271);
-  EXPECT_EQ(c->vm_rsrvd, 20000 - 16318);
-  EXPECT_EQ(c->curMem, 0u) << "the reserve pays for the area";
-}
-
 TEST_F(MemTest, AReserveThatCoversTheAreaExactlySufficesAndAFailedMapRefundsIt) {
   // Reserves around what a heap area (100 bytes) and a mapped area (1 MiB) cost; a failed map
   // gives back what it drew.
@@ -394,12 +321,24 @@ TEST_F(MemTest, AReserveThatCoversTheAreaExactlySufficesAndAFailedMapRefundsIt) 
     c->mem_rsrvd = cost_mem + k.dmem;
     c->vm_rsrvd = cost_vm + k.dvm;
     void* p = nullptr;
-    err_of([&] {
+    const std::string err = err_of([&] {
       if (k.fail_map) px_fault_arm(1, ENOMEM);
       p = mem_mallocex(c, k.size, flags);
       px_fault_disarm();
     });
     EXPECT_EQ(p != nullptr, k.granted) << k.size << " " << k.dmem << " " << k.dvm;
+    const std::string n = std::to_string(cost_mem), v = std::to_string(cost_vm);
+    if (!k.fail_map) {
+      EXPECT_NE(err.find(k.granted ? "Context resv uses " + n + " (mem) " + v +
+                                         " (vm) of the reserved memory."
+                                   : "Not enough memory reserved in resv context for "
+                                     "USE_RESERVED_ONLY allocation. mem_req = " + n +
+                                         " mem_reserved = " + std::to_string(cost_mem + k.dmem) +
+                                         " vm_req = " + v + " vm_reserved = " +
+                                         std::to_string(cost_vm + k.dvm)),
+                std::string::npos)
+          << err;
+    }
     EXPECT_EQ(c->mem_rsrvd, k.granted ? k.dmem : cost_mem + k.dmem) << k.size;
     EXPECT_EQ(c->vm_rsrvd, k.granted ? k.dvm : cost_vm + k.dvm) << k.size;
     EXPECT_EQ(c->curMem + c->curVM, 0u) << k.size;
@@ -408,20 +347,34 @@ TEST_F(MemTest, AReserveThatCoversTheAreaExactlySufficesAndAFailedMapRefundsIt) 
   }
 }
 
-// ---- Failure paths ----
+// ---- Misuse and out of memory ----
 
-TEST_F(MemDeathTest, OutOfMemoryWithoutAllowFailureEndsByAssertion) {
+TEST_F(MemDeathTest, MisuseAndOutOfMemoryEndByAssertion) {
   MemContext* c = mem_context_create(root_, "doomed");
-  EXPECT_DEATH(
-      {
-        px_fault_arm(1, ENOMEM);
-        mem_mallocex(c, 1 * MiB, J480_MEM_LARGE);
-      },
-      "mem_malloc: OUT OF MEMORY(.|\n)*"
-      "mem_malloc: trying to allocate 1048576 bytes in context doomed\\(0x[0-9a-f]+\\) with "
-      "flags 4(.|\n)*SystemContext curMem=(.|\n)*doomed(.|\n)*" +
-          Esc("assertion \"flags & J480_MEM_ALLOWFAILURE\" failed"));
-  limit_account(1 * MiB);
+  void* p = mem_malloc(c, 100);
+  EXPECT_EQ(mem_realloc(c, p, 97, 0), p) << "a smaller size within the allocation unit is kept";
+  void* freed = mem_malloc(c, 10);  // p keeps the area, and the freed header, alive
+  mem_free(c, freed);
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[&] { mem_realloc(c, p, 50, 0); }, Esc("assertion \"allocsize >= block->size\" failed")},
+      {[&] { mem_realloc(c, p, 200, J480_MEM_LARGE); },
+       Esc("assertion \"(flags & MEM_REALLOC_VALID_FLAGS) == flags\" failed")},
+      {[&] { mem_mallocex(c, 10, 1); },
+       Esc("assertion \"(flags & MEM_ALLOC_VALID_FLAGS) == flags\"")},
+      {[&] { mem_free(c, freed); }, Esc("assertion \"!(block->flags & MEM_BLOCK_FREED)\" failed")},
+      {[] { mem_context_remove(nullptr); },
+       "ASSERTION FAILED(.|\n)*CODE: ctx(.|\n)*MESG: Trying to free NULL memctx"},
+      {[&] {
+         px_fault_arm(1, ENOMEM);
+         mem_mallocex(c, 1 * MiB, J480_MEM_LARGE);
+       },
+       "mem_malloc: OUT OF MEMORY(.|\n)*"
+       "mem_malloc: trying to allocate 1048576 bytes in context doomed\\(0x[0-9a-f]+\\) with "
+       "flags 4(.|\n)*SystemContext curMem=(.|\n)*doomed(.|\n)*" +
+           Esc("assertion \"flags & J480_MEM_ALLOWFAILURE\" failed")},
+  };
+  for (const auto& [call, text] : cases) EXPECT_DEATH(call(), text);
+  limit_account(1 * MiB);  // a share that can't grow refuses without the flag too
   g_system_memory.min_mem_per_transaction = 1 * MiB;
   g_system_memory.min_trans_mem_inc = 1 * MiB;
   ASSERT_EQ(mem_context_claim_minimum(root_, 0), 1);
@@ -466,11 +419,6 @@ TEST_F(MemTest, CleanupsRunNewestFirstChildrenBeforeTheirParent) {
   mem_add_cleanup(k, const_cast<char*>("k1"), log_cleanup);
   mem_context_remove(p);
   EXPECT_EQ(g_cleanup_log, (std::vector<std::string>{"k1", "p2", "p1"}));
-}
-
-TEST_F(MemDeathTest, RemovingANullContextDiesWithItsMessage) {
-  EXPECT_DEATH(mem_context_remove(nullptr),
-               "ASSERTION FAILED(.|\n)*CODE: ctx(.|\n)*MESG: Trying to free NULL memctx");
 }
 
 // ---- Strings ----

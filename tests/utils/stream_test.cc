@@ -91,25 +91,6 @@ TEST(Stream, BinaryRoundTripThenEndOfFileIsSticky) {
   stream_destroy(r);
 }
 
-TEST(Stream, MissingEmptyAndOneByteFilesFailToOpenForReading) {
-  TempDir dir;
-  write_file(dir.file("empty"), "");
-  write_file(dir.file("one"), "x");
-  for (const char* name : {"missing", "empty", "one"}) {
-    std::string path = dir.file(name);
-    stream* s = open_binary_read_stream(path.c_str());
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(stream_error(s), 1) << name;
-    EXPECT_EQ(s->handle, nullptr) << name;
-    EXPECT_STREQ(stream_name(s), path.c_str());
-    EXPECT_EQ(ErrorText(s), "Error could not open file " + path + "\n");
-    stream_close_destroy(s);
-  }
-  stream* t = open_text_read_stream(dir.file("missing").c_str());
-  EXPECT_EQ(stream_error(t), 1);
-  stream_close_destroy(t);
-}
-
 TEST(Stream, ForeignMarkSwapsTypedReadsButNotBulkReads) {
   TempDir dir;
   // A writer of the other byte order, and one with a mark that is nothing at all: both swap.
@@ -170,21 +151,6 @@ TEST(Stream, AppendMarksOnlyAnEmptyFileAndUpdateOnlyAnExistingOne) {
   EXPECT_FALSE(j480test::exists(dir.file("nothing")));
 }
 
-TEST(Stream, WriteErrorIsStickyAndNamedInTheErrorText) {
-  TempDir dir;
-  std::string path = dir.file("t.txt");
-  stream* w = open_text_write_stream(path.c_str());
-  EXPECT_EQ(stream_write(w, "a,b\n", 1, 4), 4);
-  EXPECT_EQ(ErrorText(w), "Unknown error\n");
-  w->errnr = 3;
-  EXPECT_EQ(ErrorText(w), "Error writing file " + path + "\n");
-  EXPECT_EQ(stream_write(w, "x", 1, 1), 3);
-  EXPECT_FALSE(stream_write_int(w, 1));
-  EXPECT_EQ(stream_flush(w), 3);
-  stream_close_destroy(w);
-  EXPECT_EQ(read_file(path), "a,b\n");
-}
-
 TEST(Stream, FailedCloseIsAWriteErrorOnlyForWriteStreams) {
   TempDir dir;
   std::string path = dir.file("c");
@@ -233,30 +199,44 @@ TEST(Stream, ItemCountsWhoseByteSizeWrapsAreErrorsNotFullCounts) {
   stream_close_destroy(r);
 }
 
-TEST_F(StreamFaultTest, FailedOpenMarkWriteAndMarkReadGiveOpenError) {
-  std::string path = dir_.file("f");
-  px_fault_arm(1, EACCES);  // fopen
-  stream* s = open_binary_write_stream(path.c_str(), "wb");
-  EXPECT_EQ(stream_error(s), 1);
-  stream_close_destroy(s);
-
-  px_fault_arm(2, ENOSPC);  // the mark's fwrite
-  s = open_binary_write_stream(path.c_str(), "wb");
-  EXPECT_EQ(stream_error(s), 1);
-  stream_close_destroy(s);
-
-  write_file(path, kMarkBytes + "data");
-  px_fault_arm(2, EIO);  // the size that decides on an appended mark
-  s = open_binary_append_stream(path.c_str());
-  EXPECT_EQ(stream_error(s), 1);
-  stream_close_destroy(s);
-  EXPECT_EQ(read_file(path), kMarkBytes + "data");
-
-  px_fault_arm(2, EIO);  // the mark's fread
-  s = open_binary_read_stream(path.c_str());
-  EXPECT_EQ(stream_error(s), 1);
-  EXPECT_EQ(s->handle, nullptr);
-  stream_close_destroy(s);
+// Files that can't be read as marked binary files, and failed calls of the openers: an open error
+// with its text, no handle for reading, and a file with content left as it was.
+TEST_F(StreamFaultTest, OpenFailuresAreOpenErrors) {
+  const std::string marked = kMarkBytes + "data";
+  auto open_wb = [](const char* n) { return open_binary_write_stream(n, "wb"); };
+  const struct {
+    const char* content;  // nullptr: no file
+    int64_t fault;        // the failing call, 0 for none
+    int err;
+    stream* (*open)(const char*);
+  } cases[] = {
+      {nullptr, 0, 0, open_binary_read_stream},
+      {"", 0, 0, open_binary_read_stream},
+      {"x", 0, 0, open_binary_read_stream},
+      {nullptr, 0, 0, open_text_read_stream},
+      {nullptr, 1, EACCES, open_wb},  // fopen
+      {nullptr, 2, ENOSPC, open_wb},  // the mark's fwrite
+      {marked.c_str(), 2, EIO, open_binary_append_stream},  // the size that decides on a mark
+      {marked.c_str(), 2, EIO, open_binary_read_stream},    // the mark's fread
+  };
+  for (const auto& c : cases) {
+    const std::string path = dir_.file("f" + std::to_string(&c - cases));
+    if (c.content) write_file(path, c.content);
+    if (c.fault) px_fault_arm(c.fault, c.err);
+    stream* s = c.open(path.c_str());
+    px_fault_disarm();
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(stream_error(s), 1) << path;
+    if (s->access == ST_READ) {
+      EXPECT_EQ(s->handle, nullptr) << path;
+    }
+    EXPECT_STREQ(stream_name(s), path.c_str());
+    EXPECT_EQ(ErrorText(s), "Error could not open file " + path + "\n");
+    stream_close_destroy(s);
+    if (c.content) {
+      EXPECT_EQ(read_file(path), c.content) << path;
+    }
+  }
 }
 
 TEST_F(StreamFaultTest, ReadFaultIsAReadErrorAndStaysUntilCleared) {
@@ -281,10 +261,15 @@ TEST_F(StreamFaultTest, ReadFaultIsAReadErrorAndStaysUntilCleared) {
 TEST_F(StreamFaultTest, WriteFlushAndFsyncFaultsAreWriteErrors) {
   std::string path = dir_.file("w");
   stream* s = open_binary_write_stream(path.c_str(), "wb");
+  EXPECT_EQ(ErrorText(s), "Unknown error\n");
+  EXPECT_EQ(ErrorText(nullptr), "Unknown error\n");
   px_fault_arm(1, ENOSPC);  // fwrite
   EXPECT_FALSE(stream_write_lng(s, 7));
   EXPECT_EQ(stream_error(s), 3);
-  EXPECT_EQ(stream_write(s, "x", 1, 1), 3);
+  EXPECT_EQ(ErrorText(s), "Error writing file " + path + "\n");
+  EXPECT_EQ(stream_write(s, "x", 1, 1), 3);  // sticky: nothing more is written
+  EXPECT_FALSE(stream_write_int(s, 1));
+  EXPECT_EQ(stream_flush(s), 3);
   EXPECT_EQ(stream_fsync(s), 3);
   stream_clear_error(s);
 

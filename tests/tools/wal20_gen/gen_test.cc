@@ -1,9 +1,10 @@
-// The generator: its histories read back record by record with the real reader, and its
-// command line.
+// The generator: its histories dumped as XML by the real reader against a text built here from
+// the records as they were written (the element formats are spelled out again below, so that the
+// dump and this test can't share a mistake), its summary, and its command line. That the records
+// carry what the generator's model says is the whole-tool tests' part.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -12,176 +13,133 @@
 
 #include "support/test_support.h"
 #include "tools/wal20_gen/bc20_gen.h"
-#include "tools/wal_converter/bc20_logger.h"
-#include "utils/mem.h"
+#include "tools/wal_converter/bc20_iobm.h"
+#include "tools/wal_converter/bc20_logger_print.h"
+#include "utils/cvconfig.h"
 #include "utils/stream.h"
 
 namespace {
 
 using j480test::TempDir;
 
-// A record reduced to what a reader keeps: numbers, strings and bulk bytes in file order.
-struct flat {
-  uint32_t type = 0;
-  std::vector<int64_t> nums;
-  std::vector<std::string> strs;
-  std::vector<std::string> bulks;
-  bool operator==(const flat&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& os, const flat& f) {
-  os << "tag " << f.type << " nums";
-  for (int64_t n : f.nums) os << ' ' << n;
-  for (const std::string& s : f.strs) os << " '" << s << "'";
-  for (const std::string& b : f.bulks) os << " [" << b.size() << " bytes]";
-  return os;
-}
-
-void capture(void* ctx, const bc20_log_record* r) {
-  flat f;
-  f.type = r->tag;
-  for (int i = 0; i < r->n_nums; i++)
-    if (!(r->skipped & (1u << i))) f.nums.push_back(r->nums[i]);
-  for (int i = 0; i < r->n_strs; i++)
-    if (!(r->str_skipped & (1u << i))) f.strs.emplace_back(r->strs[i]);
-  for (int i = 0; i < r->n_bulk; i++)
-    f.bulks.emplace_back(static_cast<const char*>(r->bulk[i]),
-                         static_cast<size_t>(r->bulk_size[i]));
-  static_cast<std::vector<flat>*>(ctx)->push_back(std::move(f));
-}
-
-// What the reader makes of a written record: the default-file block records name file -1 (no
-// block manager in a test), pdt_new arrives as pdt_new_64.
-flat as_read(flat f) {
-  if (f.type == bc20_blk_new_defaultfile || f.type == bc20_blk_del_defaultfile) {
-    f.type = f.type == bc20_blk_new_defaultfile ? bc20_blk_new : bc20_blk_del;
-    f.nums.insert(f.nums.begin() + 1, -1);
+// Expected text of one record: the fields the reader keeps, in file order.
+std::string element(const bc20_log_record& r) {
+  std::vector<std::string> v;  // kept numbers
+  for (int i = 0; i < r.n_nums; i++)
+    if (!(r.skipped & (1u << i))) v.push_back(std::to_string(r.nums[i]));
+  std::vector<std::string> s;  // kept strings
+  for (int i = 0; i < r.n_strs; i++)
+    if (!(r.str_skipped & (1u << i))) s.emplace_back(r.strs[i]);
+  auto q = [](const std::string& x) { return "\"" + x + "\""; };
+  switch (r.tag) {
+    case 0: return "<tr trid=" + q(v[0]) + ">\n";
+    case 1: return "</tr trid=" + q(v[0]) + ">\n";
+    case 2:
+    case 35:
+      return std::string("<cs_new") + (r.tag == 2 ? "_defaultfile" : "") + " id=" + q(v[0]) +
+             " blksz=" + q(v[1]) + "/>\n";
+    case 4:
+    case 5:
+      return std::string(r.tag == 4 ? "<col_new" : "<col_del") + " colid=" + q(v[0]) +
+             " type=" + q(v[1]) + "/>\n";
+    case 7:  // no columnspace before the replay: the default file shows as -1
+      return "<blk_new colid=" + q(v[0]) + " file_nr=\"-1\" block_nr=" + q(v[1]) +
+             " bytes_used=" + q(v[2]) + " num_tuples=" + q(v[3]) + "/>\n";
+    case 8: return "<blk_del colid=" + q(v[0]) + " file_nr=\"-1\" block_nr=" + q(v[1]) + "/>\n";
+    case 13:
+      return "<cat_table_new table_id=" + q(v[0]) + " name=" + q(s[0]) +
+             " colgroup_id=" + q(v[1]) + "/>\n";
+    case 14: return "<cat_table_del table_id=" + q(v[0]) + "/>\n";
+    case 15:
+      return "<cat_column_new colid=" + q(v[0]) + " adt=" + q(s[0]) + " ctype=" + q(v[1]) +
+             " ltype=" + q(s[1]) + " digits=" + q(v[2]) + " scale=" + q(v[3]) +
+             " compression=" + q(s[2]) + " col_name=" + q(s[3]) + " flags=" + q(v[4]) + "/>\n";
+    case 16: return "<cat_column_del column_id=" + q(v[0]) + "/>\n";
+    case 17:
+    case 38: {
+      std::string ids;
+      const int64_t* col_ids = static_cast<const int64_t*>(r.bulk[0]);
+      for (int64_t i = 0; i < r.bulk_size[0] / 8; i++)
+        ids += (i ? ":" : "") + std::to_string(col_ids[i]);
+      return std::string("<cat_colgroup_new") + (r.tag == 17 ? "_defaultfile" : "") +
+             " cg_id=" + q(v[0]) + " store_id=" + q(v[1]) + " parent_id=" + q(v[2]) +
+             " type=" + q(v[3]) + " ncols=" + q(v[4]) + " col_ids=" + q(ids) + "/>\n";
+    }
+    case 18: return "<cat_colgroup_del colgroup_id=" + q(v[0]) + "/>\n";
+    case 19:
+      return "<cat_index_new index_id=" + q(v[0]) + " index_name=" + q(s[0]) +
+             " type=" + q(v[1]) + " table_id=" + q(v[2]) + " colgroup_id=" + q(v[3]) +
+             " scolgroup_id=" + q(v[4]) + " key_id=" + q(v[5]) + "/>\n";
+    case 20: return "<cat_index_del index_id=" + q(v[0]) + "/>\n";
+    case 21:
+    case 24:
+      return std::string(r.tag == 21 ? "<minmax_size" : "<jis_size") + " index_id=" + q(v[0]) +
+             " maxgroups=" + q(v[1]) + (r.tag == 21 ? " numtuples=" : " numgroups=") + q(v[2]) +
+             " groupsize=" + q(v[3]) + "/>\n";
+    case 22:
+    case 23:
+      return std::string(r.tag == 22 ? "<minmax_data" : "<minmax_vardata") +
+             " index_id=" + q(v[0]) + " column_nr=" + q(v[1]) + " datasize=" + q(v[2]) +
+             " overflow=" + q(v[3]) + " overflow_datasize=" + q(v[4]) + "/>\n";
+    case 25:
+      return "<jis_data index_id=" + q(v[0]) + " jis_column=" + q(v[1]) +
+             " numgroups=" + q(v[2]) + "/>\n";
+    case 26:
+    case 27: return "<pdt_new_64 object_id=" + q(v[0]) + " size=" + q(v[1]) + "/>\n";
+    case 28:
+      return "<cat_location_new location_id=" + q(v[0]) + " name=" + q(s[0]) +
+             " usage=" + q(v[1]) + " path=\"(null)\"/>\n";
+    case 29: return "<cat_location_del location_id=" + q(v[0]) + "/>\n";
+    case 31:
+      return "<blk_new colid=" + q(v[0]) + " file_nr=" + q(v[1]) + " block_nr=" + q(v[2]) +
+             " bytes_used=" + q(v[3]) + " num_tuples=" + q(v[4]) + "/>\n";
+    case 32:
+      return "<blk_del colid=" + q(v[0]) + " file_nr=" + q(v[1]) + " block_nr=" + q(v[2]) +
+             "/>\n";
+    case 33:
+      return "<file_new file_nr=" + q(v[0]) + " location_id=" + q(v[1]) +
+             " filename=" + q(s[0]) + "/>\n";
+    case 34: return "<file_del file_nr=" + q(v[0]) + "/>\n";
+    case 36:
+    case 37:
+      return std::string(r.tag == 36 ? "<colgroup_file_new" : "<colgroup_file_del") +
+             " colgroup_id=" + q(v[0]) + " file_nr=" + q(v[1]) + "/>\n";
+    default: return "";  // cat_location_update shows nothing
   }
-  if (f.type == bc20_pdt_new) f.type = bc20_pdt_new_64;
-  return f;
 }
 
-std::string bytes(const void* p, int64_t n) {
-  return n == 0 ? std::string() : std::string(static_cast<const char*>(p), static_cast<size_t>(n));
-}
-
-// The reader's action as a flat record, fields in file order.
-flat of_action(const bc20_action* a) {
-  flat f;
-  f.type = a->type;
-  auto& n = f.nums;
-  switch (a->type) {
-    case bc20_tr_new: case bc20_tr_end: n = {a->tr_new.trid}; break;
-    case bc20_cs_new: case bc20_cs_new_defaultfile: n = {a->cs_new.id, a->cs_new.blksz}; break;
-    case bc20_col_new: case bc20_col_del: n = {a->col_new.colid, a->col_new.type}; break;
-    case bc20_blk_new: {
-      const auto& b = a->blk_new;
-      n = {b.colid, b.file_nr, b.block_nr, b.bytes_used, b.num_tuples};
-      break;
-    }
-    case bc20_blk_del: n = {a->blk_del.colid, a->blk_del.file_nr, a->blk_del.block_nr}; break;
-    case bc20_cat_table_new:
-      n = {a->cat_table_new.table_id, a->cat_table_new.colgroup_id};
-      f.strs = {a->cat_table_new.name};
-      break;
-    case bc20_cat_table_del: case bc20_cat_column_del: case bc20_cat_colgroup_del:
-    case bc20_cat_index_del: case bc20_cat_location_del:
-    case bc20_file_del: n = {a->cat_table_del.table_id}; break;
-    case bc20_cat_column_new: {
-      const auto& c = a->cat_column_new;
-      n = {c.colid, c.ctype, c.digits, c.scale, static_cast<int64_t>(c.flags)};
-      f.strs = {c.adt, c.ltype, c.compression, c.col_name};
-      break;
-    }
-    case bc20_cat_colgroup_new: case bc20_cat_colgroup_new_defaultfile: {
-      const auto& g = a->cat_colgroup_new;
-      n = {g.cg_id, g.store_id, g.parent_id, g.type, g.ncols};
-      f.bulks = {bytes(g.col_ids, 8 * int64_t{g.ncols})};
-      break;
-    }
-    case bc20_cat_index_new: {
-      const auto& i = a->cat_index_new;
-      n = {i.index_id, i.type, i.table_id, i.colgroup_id, i.scolgroup_id, i.key_id};
-      f.strs = {i.index_name};
-      break;
-    }
-    case bc20_minmax_size: case bc20_jis_size: {
-      const auto& s = a->minmax_size;
-      n = {s.index_id, s.maxgroups, s.numtuples, s.groupsize};
-      break;
-    }
-    case bc20_minmax_data: case bc20_minmax_vardata: {
-      const auto& d = a->minmax_data;
-      n = {d.index_id, d.column_nr, d.datasize, d.overflow, d.overflow_datasize};
-      int64_t over = a->type == bc20_minmax_data ? 2 * d.overflow_datasize : d.overflow_datasize;
-      f.bulks = {bytes(d.data, d.datasize), bytes(d.overflow_data, over)};
-      break;
-    }
-    case bc20_jis_data:
-      n = {a->jis_data.index_id, a->jis_data.jis_column, a->jis_data.numgroups};
-      f.bulks = {bytes(a->jis_data.groups, 8 * a->jis_data.numgroups)};
-      break;
-    case bc20_pdt_new_64:
-      n = {a->pdt_new_64.object_id, a->pdt_new_64.size};
-      f.bulks = {bytes(a->pdt_new_64.data, a->pdt_new_64.size)};
-      break;
-    case bc20_cat_location_new:
-      n = {a->cat_location_new.location_id, a->cat_location_new.usage};
-      f.strs = {a->cat_location_new.name};
-      break;
-    case bc20_cat_location_update:
-      n = {a->cat_location_update.location_id, a->cat_location_update.usage};
-      break;
-    case bc20_file_new:
-      n = {a->file_new.file_nr, a->file_new.location_id};
-      f.strs = {a->file_new.filename};
-      break;
-    case bc20_colgroup_file_new: case bc20_colgroup_file_del:
-      n = {a->colgroup_file_new.colgroup_id, a->colgroup_file_new.file_nr};
-      break;
-    default: ADD_FAILURE() << "unexpected action " << a->type;
-  }
-  return f;
+void collect(void* ctx, const bc20_log_record* r) {
+  static_cast<std::vector<std::string>*>(ctx)->push_back(element(*r));
 }
 
 struct generated {
   bc20_gen_summary sum{};
-  std::vector<flat> written;
+  std::vector<std::string> elements;  // one per record written, empty for those not shown
   int rc = -1;
 };
 
 generated generate(const std::string& dir, bc20_gen_options o) {
   generated g;
   o.out_dir = dir.c_str();
-  o.hook = capture;
-  o.hook_ctx = &g.written;
+  o.hook = collect;
+  o.hook_ctx = &g.elements;
   g.rc = bc20_gen_run(&o, &g.sum);
   return g;
 }
 
-// Reads the whole log, transaction by transaction, into flat records.
-std::vector<flat> read_back(const std::string& path, int64_t* transactions) {
-  std::vector<flat> out;
-  *transactions = 0;
-  stream* s = open_binary_read_stream(path.c_str());
-  EXPECT_EQ(stream_error(s), STREAM_NOERR);
-  EXPECT_EQ(bc20_logger_read_version(s), BC20_LOG_VERSION_20);
-  for (;;) {
-    MemContext* mem = mem_context_create(nullptr, "logger_replay_tc");
-    bc20_action* list = nullptr;
-    int rc = bc20_logger_read_transaction(mem, s, &list);
-    EXPECT_FALSE(rc == 1 && list == nullptr) << "read failure after " << out.size();
-    if (rc == 1 && list != nullptr) {
-      ++*transactions;
-      for (bc20_action* a = list; a != nullptr; a = a->next) out.push_back(of_action(a));
-    } else {
-      EXPECT_EQ(list, nullptr) << "records behind the last transaction";
-    }
-    mem_context_remove(mem);
-    if (rc == 0 || list == nullptr) break;
-  }
+// The dump of the database `db` in `farm`, line by line, and what it logged.
+std::vector<std::string> dump(const std::string& farm, std::string* log) {
+  cvconfig* config = cvconfig_create();
+  cvconfig_layer* cmdline = cvconfig_layer_create(nullptr, "cmdline", cvconfig_defaults(config));
+  cvconfig_set_str(cmdline, CVGROUP_SERVER, CVPROP_DBFARM_PATH, farm.c_str());
+  cvconfig_set_str(cmdline, CVGROUP_SERVER, CVPROP_DBNAME, "db");
+  bc20_set_config(cmdline);
+  stream* s = open_binary_read_stream((farm + "/db/CBM/LOG").c_str());
+  *log = j480test::err_of([&] { EXPECT_EQ(bc20_bm_logger_print(s, 1), 0); });
   stream_close_destroy(s);
-  return out;
+  bc20_set_config(nullptr);
+  cvconfig_destroy(config);
+  return j480test::split_lines(j480test::read_file(farm + "/db/CBM/_LOG_XML_20"));
 }
 
 struct shape {
@@ -208,41 +166,50 @@ bc20_gen_options options_of(const shape& s, uint64_t extra_seed = 0) {
 
 }  // namespace
 
-// Every shape over several seeds: every record reads back equal, and
+// Every shape over several seeds: every record dumps as written, and
 // together the shapes write every record kind in its form for one and for several locations.
-TEST(GenRoundTrip, HistoriesReadBackEqualInEveryShape) {
+TEST(GenDump, HistoriesDumpAsWrittenInEveryShape) {
   std::map<uint32_t, int64_t> kinds[2];  // per form: single location, several
   std::set<int64_t> index_types;
   int64_t null_groups = 0;
   for (const shape& s : kShapes) {
     for (uint64_t extra = 0; extra < 6; extra++) {
       SCOPED_TRACE(std::string(s.label) + " seed+" + std::to_string(extra));
-      TempDir dir;
-      generated g = generate(dir.path(), options_of(s, 1000 * extra));
+      TempDir farm;
+      const std::string db = farm.file("db");
+      generated g = generate(db, options_of(s, 1000 * extra));
       ASSERT_EQ(g.rc, 0);
       EXPECT_EQ(g.sum.tables_created, s.tables);
       EXPECT_GE(g.sum.tables_live, 1);
+      std::string log;
+      std::vector<std::string> got = dump(farm.path(), &log);
+      std::vector<std::string> want = {
+          "<wal base_version=\"4851035686591004672\" cur_version=\"0\">"};
       int64_t transactions = 0;
-      std::vector<flat> back = read_back(dir.file("CBM/LOG"), &transactions);
+      for (const std::string& e : g.elements) {
+        if (!e.empty()) want.push_back(e.substr(0, e.size() - 1));
+        transactions += e.rfind("</tr ", 0) == 0;
+      }
+      want.push_back("</wal>");
       EXPECT_EQ(transactions, g.sum.transactions);
-      ASSERT_EQ(back.size(), g.written.size());
-      for (size_t i = 0; i < back.size(); i++)
-        ASSERT_EQ(back[i], as_read(g.written[i])) << "record " << i;
+      ASSERT_EQ(got.size(), want.size());
+      for (size_t i = 0; i < got.size(); i++) ASSERT_EQ(got[i], want[i]) << "line " << i + 1;
+      EXPECT_EQ(log.find("ERROR"), std::string::npos) << log.substr(0, 2000);
       int64_t total = 0;  // the summary counts what was written
       for (uint32_t tag = 0; tag <= BC20_MAX_TAG; tag++) {
         total += g.sum.records[tag];
         kinds[s.locations > 0][tag] += g.sum.records[tag];
       }
-      EXPECT_EQ(total, static_cast<int64_t>(g.written.size()));
-      EXPECT_EQ(static_cast<int64_t>(j480test::read_file(dir.file("CBM/LOG")).size()),
-                g.sum.log_bytes);
+      EXPECT_EQ(total, static_cast<int64_t>(g.elements.size()));
+      EXPECT_EQ(static_cast<int64_t>(j480test::read_file(db + "/CBM/LOG").size()), g.sum.log_bytes);
       // The location map has one line per live location.
       EXPECT_EQ(static_cast<int64_t>(
-                    j480test::split_lines(j480test::read_file(dir.file("CBM/location_map"))).size()),
+                    j480test::split_lines(j480test::read_file(db + "/CBM/location_map")).size()),
                 g.sum.locations_created - g.sum.locations_dropped);
       null_groups += g.sum.null_groups;
-      for (const flat& f : g.written)
-        if (f.type == bc20_cat_index_new) index_types.insert(f.nums[1]);
+      for (const std::string& e : g.elements)
+        if (e.rfind("<cat_index_new ", 0) == 0)
+          index_types.insert(atoi(e.c_str() + e.find(" type=\"") + 7));
     }
   }
   for (uint32_t tag : {bc20_cs_new_defaultfile, bc20_blk_new_defaultfile, bc20_blk_del_defaultfile,
@@ -323,12 +290,8 @@ TEST(GenCli, WritesTheDatabaseTheSameSeedGivesTheSameBytesAndTargetSizeTakesASuf
   EXPECT_EQ(r1.out, r2.out);
   EXPECT_NE(r1.out.find("log_bytes "), std::string::npos);
   std::string log = j480test::read_file(dir.file("a/CBM/LOG"));
-  EXPECT_EQ(log.substr(0, 2), "\x04\xD2");
+  EXPECT_EQ(log.substr(0, 2), "\x04\xD2") << "the big-endian mark";
   EXPECT_EQ(log, j480test::read_file(dir.file("b/CBM/LOG")));
-  std::vector<std::string> map =
-      j480test::split_lines(j480test::read_file(dir.file("a/CBM/location_map")));
-  ASSERT_GE(map.size(), 2u);
-  EXPECT_EQ(map[0], "loc1," + dir.file("a") + "/locations/loc1");
   ASSERT_EQ(run("c", "78").status, 0);
   EXPECT_NE(log, j480test::read_file(dir.file("c/CBM/LOG")));
 

@@ -1,6 +1,5 @@
-// The 2.0 log writer against the real reader: exact bytes of the head, clean cuts, failed writes,
-// and the location map. Records of every kind in both byte orders
-// are read back by the generator's round trip.
+// The 2.0 log writer: clean cuts read back by the real reader, failed writes, and the location
+// map. Records of every kind in both byte orders are read by the whole-tool tests.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -20,30 +19,24 @@ namespace {
 
 using j480test::TempDir;
 
-// Reads every transaction of `path`; calls `each` per list; returns the last result of the
-// reader and whether a failure (1 with no list) was seen.
+// Reads every transaction of `path`: how many read, and whether a failure (1 with no list) was
+// seen.
 struct read_outcome {
   int transactions = 0;
   bool failed = false;
-  int64_t version = 0;
 };
 
-read_outcome read_log(const std::string& path,
-                      const std::function<void(bc20_action*)>& each = nullptr) {
+read_outcome read_log(const std::string& path) {
   read_outcome out;
   stream* s = open_binary_read_stream(path.c_str());
-  EXPECT_NE(s, nullptr);
   EXPECT_EQ(stream_error(s), STREAM_NOERR);
-  out.version = bc20_logger_read_version(s);
+  EXPECT_EQ(bc20_logger_read_version(s), BC20_LOG_VERSION_20);
   for (;;) {
     MemContext* mem = mem_context_create(nullptr, "logger_replay_tc");
     bc20_action* list = nullptr;
     int rc = bc20_logger_read_transaction(mem, s, &list);
-    if (rc == 1 && list == nullptr) out.failed = true;
-    if (rc == 1 && list != nullptr) {
-      out.transactions++;
-      if (each) each(list);
-    }
+    out.failed |= rc == 1 && list == nullptr;
+    out.transactions += rc == 1 && list != nullptr;
     mem_context_remove(mem);
     if (rc == 0 || list == nullptr) break;
   }
@@ -65,20 +58,6 @@ void write_log(const std::string& path, const std::function<void(bc20_log_writer
 }
 
 }  // namespace
-
-TEST(LogWriter, HeadIsTheMarkAndTheVersionWordInEitherByteOrder) {
-  TempDir dir;
-  write_log(dir.file("le"), [](bc20_log_writer*) {});
-  write_log(dir.file("be"), [](bc20_log_writer*) {}, 1);
-  EXPECT_EQ(j480test::read_file(dir.file("le")),
-            std::string("\xD2\x04\x00\x00\x00\x4C\x41\x57\x52\x43", 10));
-  EXPECT_EQ(j480test::read_file(dir.file("be")),
-            std::string("\x04\xD2\x43\x52\x57\x41\x4C\x00\x00\x00", 10));
-  read_outcome r = read_log(dir.file("be"));
-  EXPECT_EQ(r.version, BC20_LOG_VERSION_20);
-  EXPECT_EQ(r.transactions, 0);
-  EXPECT_FALSE(r.failed);
-}
 
 TEST(LogWriter, ACutBehindATransactionIsAShorterCleanLog) {
   TempDir dir;
