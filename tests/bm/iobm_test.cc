@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <random>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -168,6 +169,44 @@ TEST_F(IobmTest, RemovalKeepsOrderAndLoggedColumnsWriteTheirActions) {
                                                      "new 7 4 2 96 12", "del 7 4 1 0 0"}));
   scolumn_destroy(logged);
   scolumn_destroy(quiet);
+}
+
+// Random appends and removals from the front, the back, the middle and outside the column,
+// against a plain list: the blocks stay in order and the tuples add up after every step.
+TEST_F(IobmTest, RemovalsAnywhereKeepTheOrderOfTheRest) {
+  open();
+  scolumn* scol = scolumn_create(bm_, cs_, 7, 1, 0);
+  std::vector<iob*> model;
+  std::vector<int64_t> free_nrs;
+  for (int64_t nr = 63; nr >= 0; nr--) free_nrs.push_back(nr);
+  std::mt19937 rng(5);
+  for (int step = 0; step < 3000; step++) {
+    const unsigned dice = rng() % 8;
+    if ((dice < 4 || model.empty()) && !free_nrs.empty()) {
+      iob* b = block(scol, free_nrs.back(), static_cast<uint32_t>(rng() % 100));
+      free_nrs.pop_back();
+      ASSERT_EQ(scolumn_add_block(scol, b, nullptr, nullptr), 1);
+      model.push_back(b);
+    } else if (!model.empty()) {
+      const size_t n = model.size();
+      const size_t at = dice == 4 ? 0 : dice == 5 ? n - 1 : rng() % n;
+      iob* b = model[at];
+      const int64_t nr = b->block_nr;
+      ASSERT_EQ(scolumn_remove_block(scol, b, nullptr, nullptr), b);
+      EXPECT_EQ(scolumn_remove_block(scol, b, nullptr, nullptr), nullptr);  // gone already
+      model.erase(model.begin() + static_cast<std::ptrdiff_t>(at));
+      free_nrs.push_back(nr);
+    }
+    ASSERT_EQ(scol->nblocks, static_cast<int64_t>(model.size()));
+    int64_t tuples = 0;
+    for (size_t k = 0; k < model.size(); k++) {
+      ASSERT_EQ(scol->blocks[k], model[k]) << "step " << step;
+      tuples += model[k]->num_tuples;
+    }
+    ASSERT_EQ(scolumn_tuple_count(scol), tuples);
+  }
+  scolumn_destroy(scol);
+  EXPECT_EQ(columnspace_file_used_blocks(file_), 0);
 }
 
 TEST_F(IobmTest, IdsAreClaimedOnceAndTheDatasetGrowsToTheId) {

@@ -302,10 +302,11 @@ TEST_F(WriteLog, EdgesOfTheList) {
          Db::index(t, bc20_idx_foreignkey, 6, "t_fk", "u_pk", {});
          Db::index(t, bc20_idx_join, 7, "t_j", "t_fk", {Db::column(402)});
          Db::index(t, bc20_idx_sortkey, 8, "t_sk", nullptr, {Db::column(403)});
+         Db::index(t, bc20_idx_sortkey, 9, "t_sk2", nullptr, {Db::column(402)});  // via t_j
        },
        {"cs 4096", "table 4 1 u", "storage 400 4", "key 5 0 4 -1 u_pk []", "table 3 1 t",
         "storage 300 3", "key 6 2 3 5 t_fk []", "index 7 1 3 6 t_j", "jis_size 7 0",
-        "jis_data 7 0 1", "jis_data 7 1 1", "jis_data 7 2 1"},
+        "jis_data 7 0 1", "jis_data 7 1 1", "jis_data 7 2 1", "key 9 3 3 -1 t_sk2 [7]"},
        "ERROR:LOGGER:Column 403 not found in table 't'. Table has join index 't_j' with column "
        "402.\n"},
   };
