@@ -1,10 +1,10 @@
 #include "tools/wal20_gen/bc20_gen.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <algorithm>
-#include <array>
 #include <deque>
 #include <map>
 #include <string>
@@ -45,10 +45,9 @@ struct ptype_info {
 };
 // The physical types by number, with the width of a minmax value.
 const ptype_info kPtypes[] = {
-    {"schr", 1, true},  {"uchr", 1, true}, {"ssht", 2, true},  {"usht", 2, true},
-    {"sint", 4, true},  {"uint", 4, true}, {"slng", 8, true},  {"ulng", 8, true},
-    {"s128", 16, true}, {"uidx", 8, true}, {"ptr", 8, true},   {"flt", 4, true},
-    {"dbl", 8, true},   {"str", 8, false},
+    {"schr", 1, true}, {"uchr", 1, true}, {"ssht", 2, true}, {"usht", 2, true},  {"sint", 4, true},
+    {"uint", 4, true}, {"slng", 8, true}, {"ulng", 8, true}, {"s128", 16, true}, {"uidx", 8, true},
+    {"ptr", 8, true},  {"flt", 4, true},  {"dbl", 8, true},  {"str", 8, false},
 };
 enum : int32_t { PT_UCHR = 1, PT_SLNG = 6, PT_PTR = 10, PT_FLT = 11, PT_DBL = 12, PT_STR = 13 };
 
@@ -59,15 +58,15 @@ struct ltype_info {
   int32_t digits_lo, digits_hi, scale_hi;
 };
 const ltype_info kLtypes[] = {
-    {"bool", 1, 0, 0, 0},         {"schr", 0, 0, 0, 0},        {"uchr", 1, 0, 0, 0},
-    {"ssht", 2, 0, 0, 0},         {"usht", 3, 0, 0, 0},        {"integer", 4, 0, 0, 0},
-    {"int", 4, 0, 0, 0},          {"uint", 5, 0, 0, 0},        {"slng", 6, 0, 0, 0},
-    {"ulng", 7, 0, 0, 0},         {"s128", 8, 0, 0, 0},        {"uidx", 9, 0, 0, 0},
-    {"ulng", 10, 0, 0, 0},        {"flt", 11, 0, 0, 0},        {"float", 12, 0, 0, 0},
-    {"dbl", 12, 0, 0, 0},         {"decimal", 4, 1, 9, 4},     {"decimal", 6, 10, 18, 6},
-    {"decimal", 8, 19, 38, 12},   {"money", 6, 19, 19, 4},     {"char", 13, 1, 64, 0},
-    {"varchar", 13, 1, 1000, 0},  {"str", 13, 0, 0, 0},        {"date", 4, 0, 0, 0},
-    {"time", 4, 0, 6, 0},         {"timestamp", 6, 0, 6, 0},   {"intervalds", 6, 0, 0, 0},
+    {"bool", 1, 0, 0, 0},        {"schr", 0, 0, 0, 0},      {"uchr", 1, 0, 0, 0},
+    {"ssht", 2, 0, 0, 0},        {"usht", 3, 0, 0, 0},      {"integer", 4, 0, 0, 0},
+    {"int", 4, 0, 0, 0},         {"uint", 5, 0, 0, 0},      {"slng", 6, 0, 0, 0},
+    {"ulng", 7, 0, 0, 0},        {"s128", 8, 0, 0, 0},      {"uidx", 9, 0, 0, 0},
+    {"ulng", 10, 0, 0, 0},       {"flt", 11, 0, 0, 0},      {"float", 12, 0, 0, 0},
+    {"dbl", 12, 0, 0, 0},        {"decimal", 4, 1, 9, 4},   {"decimal", 6, 10, 18, 6},
+    {"decimal", 8, 19, 38, 12},  {"money", 6, 19, 19, 4},   {"char", 13, 1, 64, 0},
+    {"varchar", 13, 1, 1000, 0}, {"str", 13, 0, 0, 0},      {"date", 4, 0, 0, 0},
+    {"time", 4, 0, 6, 0},        {"timestamp", 6, 0, 6, 0}, {"intervalds", 6, 0, 0, 0},
     {"intervalym", 4, 0, 0, 0},
 };
 const char* const kCompressions[] = {"", "", "", "pfor", "pdict", "pfordelta", "lz"};
@@ -110,9 +109,9 @@ struct storage {
   int64_t cg_id = 0;
   int32_t scol = 0;
   int64_t file_nr = 0;
-  int64_t next_block = 0;  // the file's block counter (multi-location: one file per storage)
-  int64_t location_id = 0;  // of the file (multi-location)
-  std::deque<run> runs;    // live blocks that may still be deleted, oldest first
+  int64_t next_block = 0;       // the file's block counter (multi-location: one file per storage)
+  int64_t location_id = 0;      // of the file (multi-location)
+  std::deque<run> runs;         // live blocks that may still be deleted, oldest first
   std::deque<live_block> live;  // every live block, when the model is written
   std::vector<std::array<int64_t, 3>> nulls;  // null groups: id, value, indicator
   int64_t remembered() const {
@@ -158,6 +157,9 @@ struct index_def {
   int64_t sizes[3] = {0, 0, 0};
   int32_t overflow = 0;
   std::vector<std::string> data_lines;
+  // minmax: per column the overflow bounds of its last record that had overflow ("" while none);
+  // they outlive later records without overflow.
+  std::vector<std::string> over_lines;
 };
 
 // One item of a table's image under its write-PDT records: a run of untouched stable rows
@@ -189,9 +191,9 @@ struct table_def {
   std::vector<column> cols;  // live columns, values and indicators
   std::vector<sgroup> sgs;
   std::vector<index_def> idx;
-  int32_t incoming_slots = 0;  // join indexes ever registered with this table
+  int32_t incoming_slots = 0;         // join indexes ever registered with this table
   std::vector<std::string> incoming;  // their names, "" where dropped
-  int32_t incoming_refs = 0;   // live indexes of other tables that name one of its keys
+  int32_t incoming_refs = 0;          // live indexes of other tables that name one of its keys
   table_pdt pdt;
   bool live = true;
   int64_t live_sgs() const {
@@ -270,13 +272,12 @@ struct gen {
       st.location_id = data_location();
       bc20_log_file_new(w, st.file_nr, st.location_id, fname);
       sum->files++;
-      bc20_log_cat_colgroup_new(w, false, st.cg_id, st.scol, parent, CG_STORAGE, n,
-                                col_ids.data());
+      bc20_log_cat_colgroup_new(w, false, st.cg_id, st.scol, parent, CG_STORAGE, n, col_ids.data());
       bc20_log_colgroup_file_new(w, st.cg_id, st.file_nr);
     } else {
       st.file_nr = 0;  // the default file: the first file of the columnspace
-      bc20_log_cat_colgroup_new(w, true, st.cg_id, st.scol, parent, CG_STORAGE, n,
-                                col_ids.data(), 0);
+      bc20_log_cat_colgroup_new(w, true, st.cg_id, st.scol, parent, CG_STORAGE, n, col_ids.data(),
+                                0);
     }
     sum->storage_groups++;
     return st;
@@ -363,8 +364,8 @@ struct gen {
     const char* comp = kCompressions[r.below(sizeof kCompressions / sizeof kCompressions[0])];
     std::string name = name_of("c", c.id, "_") + lt.ltype;
     uint32_t flags = r.chance(25) ? 1u : 0u;
-    bc20_log_cat_column_new(w, c.id, kPtypes[c.pt].adt, ctype, lt.ltype, digits, scale, comp,
-                            name, flags);
+    bc20_log_cat_column_new(w, c.id, kPtypes[c.pt].adt, ctype, lt.ltype, digits, scale, comp, name,
+                            flags);
     c.name = name;
     c.ltype = lt.ltype;
     c.compression = comp;
@@ -398,8 +399,7 @@ struct gen {
     std::vector<column> cols;
     std::vector<int64_t> all_ids;
     std::vector<std::vector<int64_t>> group_ids(static_cast<size_t>(ngroups));
-    std::vector<std::vector<std::pair<int64_t, int64_t>>> group_nulls(
-        static_cast<size_t>(ngroups));
+    std::vector<std::vector<std::pair<int64_t, int64_t>>> group_nulls(static_cast<size_t>(ngroups));
     for (int32_t i = 0; i < ncols; i++) {
       int64_t ind = 0;
       size_t g = static_cast<size_t>(i < ngroups ? i : r.below(ngroups));
@@ -541,6 +541,7 @@ struct gen {
     ix.sizes[1] = numtuples;
     ix.sizes[2] = groupsize;
     ix.data_lines.assign(ix.col_ids.size(), std::string());
+    ix.over_lines.resize(ix.col_ids.size());
     for (size_t c = 0; c < ix.col_ids.size(); c++) {
       const ptype_info& pt = kPtypes[ix.col_pts[c]];
       int32_t overflow = r.chance(40) ? 1 : 0;
@@ -554,6 +555,8 @@ struct gen {
         if (overflow) {
           put_value(scratch2, pt, -1);
           put_value(scratch2, pt, numgroups * 100 + 1000);
+          ix.over_lines[c] =
+              "mmover " + std::to_string(c) + " " + hex(scratch2.data(), scratch2.size());
         }
         bc20_log_minmax_data(w, false, ix.id, static_cast<int32_t>(c), scratch.data(),
                              static_cast<int64_t>(scratch.size()), overflow, scratch2.data(),
@@ -575,6 +578,8 @@ struct gen {
           put_raw64(scratch2, static_cast<int64_t>(hi.size()));
           scratch2.insert(scratch2.end(), lo.begin(), lo.end());
           scratch2.insert(scratch2.end(), hi.begin(), hi.end());
+          ix.over_lines[c] = "mmover " + std::to_string(c) + " x" + hex(lo.data(), lo.size()) +
+                             " x" + hex(hi.data(), hi.size());
         }
         bc20_log_minmax_data(w, true, ix.id, static_cast<int32_t>(c), scratch.data(),
                              static_cast<int64_t>(scratch.size()), overflow, scratch2.data(),
@@ -584,8 +589,8 @@ struct gen {
           std::string& out = k % 2 == 0 ? mins : maxs;
           out += (out.empty() ? "x" : ",x") + hex(texts[k].data(), texts[k].size());
         }
-        ix.data_lines[c] = "mmvar " + std::to_string(c) + " " + (mins.empty() ? "~" : mins) +
-                           " " + (maxs.empty() ? "~" : maxs);
+        ix.data_lines[c] = "mmvar " + std::to_string(c) + " " + (mins.empty() ? "~" : mins) + " " +
+                           (maxs.empty() ? "~" : maxs);
       }
     }
   }
@@ -633,8 +638,7 @@ struct gen {
     static const char* const kImpl[] = {"", "vcolumn_8", "vcolumn_16", "ccolumn"};
     std::string out;
     if (!multi) {
-      out += "location auto default 1 " + dir + J480_PATH_SEP + "CBM" + J480_PATH_SEP +
-             "default\n";
+      out += "location auto default 1 " + dir + J480_PATH_SEP + "CBM" + J480_PATH_SEP + "default\n";
       out += "file default default 0\n";
     }
     for (const location_def& l : locs)
@@ -649,8 +653,8 @@ struct gen {
     }
     for (const table_def& t : tables) {
       if (!t.live) continue;
-      out += "table " + std::to_string(t.id) + " " + t.name + " " + std::to_string(t.root_cg) +
-             "\n";
+      out +=
+          "table " + std::to_string(t.id) + " " + t.name + " " + std::to_string(t.root_cg) + "\n";
       for (const column& c : t.cols) {
         const ptype_info& pt = kPtypes[c.pt];
         const char* impl = c.ctype == 0 ? (pt.fixed ? "fcolumn" : "vcolumn_8") : kImpl[c.ctype];
@@ -669,12 +673,14 @@ struct gen {
         out += "\n";
         if (ix.has_storage) model_storage(out, "istorage", ix.st, ix.col_ids);
         if (ix.code == IX_MINMAX)
-          out += "minmax " + std::to_string(ix.sizes[0]) + " " + std::to_string(ix.sizes[1]) +
-                 " " + std::to_string(ix.sizes[2]) + " " + std::to_string(ix.overflow) + "\n";
+          out += "minmax " + std::to_string(ix.sizes[0]) + " " + std::to_string(ix.sizes[1]) + " " +
+                 std::to_string(ix.sizes[2]) + " " + std::to_string(ix.overflow) + "\n";
         if (ix.code == IX_JOIN)
           out += "jis " + std::to_string(ix.sizes[0]) + " " + std::to_string(ix.sizes[1]) + " " +
                  std::to_string(ix.sizes[2]) + "\n";
         for (const std::string& line : ix.data_lines) out += line + "\n";
+        for (const std::string& line : ix.over_lines)
+          if (!line.empty()) out += line + "\n";
       }
       if (!t.incoming.empty()) {
         out += "incoming " + std::to_string(t.incoming.size());
@@ -956,7 +962,8 @@ struct gen {
     if (pick == 0 || (pick == 1 && spares.empty())) {
       new_location(true);
     } else if (pick == 1) {
-      location_def& l = locs[spares[static_cast<size_t>(r.below(static_cast<int64_t>(spares.size())))]];
+      location_def& l =
+          locs[spares[static_cast<size_t>(r.below(static_cast<int64_t>(spares.size())))]];
       bc20_log_cat_location_del(w, l.id);
       l.live = false;
       sum->locations_dropped++;
@@ -978,7 +985,8 @@ struct gen {
     for (size_t k = 0; k < tables.size(); k++)
       if (tables[k].live) live.push_back(k);
     if (live.empty()) return -1;
-    return static_cast<int64_t>(live[static_cast<size_t>(r.below(static_cast<int64_t>(live.size())))]);
+    return static_cast<int64_t>(
+        live[static_cast<size_t>(r.below(static_cast<int64_t>(live.size())))]);
   }
 
   void block_step(int64_t n) {
@@ -1052,8 +1060,8 @@ struct gen {
       if (dice < 83 && try_drop_storage_group(static_cast<size_t>(tn))) return;
       if (dice < 90) {
         begin();
-        new_storage_groups(tables[static_cast<size_t>(tn)],
-                           static_cast<int32_t>(r.range(1, 2)), 1, false);
+        new_storage_groups(tables[static_cast<size_t>(tn)], static_cast<int32_t>(r.range(1, 2)), 1,
+                           false);
         end();
         return;
       }
@@ -1393,8 +1401,10 @@ struct gen {
     while (bc20_log_writer_offset(w) < o->target_size && !bc20_log_writer_failed(w)) {
       std::vector<storage*> all = live_storages();
       begin();
-      for (int64_t i = 0; i < per_tr; i++) add_blocks(*all[static_cast<size_t>(i % static_cast<int64_t>(all.size()))], 1);
-      if (++round % 8 == 0) delete_blocks(*all[static_cast<size_t>(round / 8 % static_cast<int64_t>(all.size()))], 64);
+      for (int64_t i = 0; i < per_tr; i++)
+        add_blocks(*all[static_cast<size_t>(i % static_cast<int64_t>(all.size()))], 1);
+      if (++round % 8 == 0)
+        delete_blocks(*all[static_cast<size_t>(round / 8 % static_cast<int64_t>(all.size()))], 64);
       end();
     }
   }
@@ -1471,8 +1481,7 @@ int bc20_gen_run(const bc20_gen_options* options, bc20_gen_summary* summary) {
     CV_ERROR(MODULE, "bc20_gen_run: a write-PDT update failed");
     result = -1;
   }
-  if (options->model_path != nullptr && !write_text(options->model_path, g.model(dir)))
-    result = -1;
+  if (options->model_path != nullptr && !write_text(options->model_path, g.model(dir))) result = -1;
   if (options->pdt_model_path != nullptr && !write_text(options->pdt_model_path, g.pdt_model()))
     result = -1;
   if (bc20_location_map_write((cbm + J480_PATH_SEP + "location_map").c_str(), entries.data(),

@@ -68,7 +68,7 @@ struct bc20_gen_options {
   int64_t target_size = 0;    // 0: none; else bulk block transactions until the log has it
   int32_t locations = 0;      // 0: single-location database; N: multi-location with N locations
   int big_endian = 0;
-  int pdts = 0;               // non-zero: write-PDT records after the history (below)
+  int pdts = 0;                  // non-zero: write-PDT records after the history (below)
   bc20_log_hook hook = nullptr;  // sees every record written
   void* hook_ctx = nullptr;
   // Storage column ids of dropped storage groups are taken again by later ones (lowest first).
@@ -94,6 +94,9 @@ struct bc20_gen_options {
 //   minmax <maxgroups> <numtuples> <groupsize> <overflow>
 //   mmcol <column nr> <hex of the minima> <hex of the maxima>           (fixed-width columns)
 //   mmvar <column nr> x<hex>,x<hex>... x<hex>,...  minima, then maxima (str columns; ~: none)
+//   mmover <column nr> <hex of min and max>   (fixed)  | x<hex min> x<hex max>   (str)
+//                                           the overflow bounds of the column's last record
+//                                           that had overflow; no line while none had
 //   jis <maxgroups> <numgroups> <groupsize>
 //   jiscol <array> <words...>
 //   incoming <slots> <name|~>...                                        (of the table above)

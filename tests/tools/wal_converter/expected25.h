@@ -2,7 +2,7 @@
 // j480_wal20_gen writes (its format: tools/wal20_gen/bc20_gen.h), and the same one-line form of
 // an action read back from a log, so that the two compare line by line.
 // Knows nothing of the converter: the order, the ids and the mapped values are worked out here
-// from the model alone. Overflow bounds of a minmax index are not in the model and show as "*".
+// from the model alone.
 #ifndef J480_TESTS_TOOLS_WAL_CONVERTER_EXPECTED25_H
 #define J480_TESTS_TOOLS_WAL_CONVERTER_EXPECTED25_H
 
@@ -66,13 +66,11 @@ inline std::string describe25(const bm_logger_action* a) {
     list += act("", a->cat_key_new.col_ids[k]);
   for (int64_t k = 0; a->type == BM_JIS_DATA && k < a->jis_data.numgroups; k++)
     list += act("", a->jis_data.data[k]);
-  const bm_minmax_data_fields& mm = a->minmax_data;  // the overflow bounds aren't predicted
+  const bm_minmax_data_fields& mm = a->minmax_data;
   const int64_t over = a->type == BM_MINMAX_DATA ? 2 * mm.overflow_datasize : mm.overflow_datasize;
   if (a->type == BM_MINMAX_DATA || a->type == BM_MINMAX_VARDATA)
     list = act("", hex(mm.data, static_cast<size_t>(mm.datasize)), mm.overflow) +
-           (mm.overflow
-                ? " * *"
-                : act("", mm.overflow_datasize, hex(mm.overflow_data, static_cast<size_t>(over))));
+           act("", mm.overflow_datasize, hex(mm.overflow_data, static_cast<size_t>(over)));
 #define J480_ACTION(tag, ...) \
   case BM_##tag:              \
     return act(lower(#tag), a->id __VA_OPT__(, ) __VA_ARGS__) + list;
@@ -169,7 +167,8 @@ inline Expected25 expected25(const std::string& model, const std::string& pdt_mo
     if (k == "blocks") (in_index ? t->idx.back().st : t->groups.back()).blocks = f;
     if (k == "index") t->idx.push_back({f, {}, {}}), keys[f[3]] = {f[1], tables.size() - 1};
     if (k == "istorage") t->idx.back().st.head = f;
-    if (k == "minmax" || k == "jis" || k == "mmcol" || k == "mmvar" || k == "jiscol")
+    if (k == "minmax" || k == "jis" || k == "mmcol" || k == "mmvar" || k == "jiscol" ||
+        k == "mmover")
       t->idx.back().data.push_back(f);
     if (k == "incoming") t->slots = std::stoll(f[1]);
     default_used |= (k == "storage" || k == "istorage") && f[3] == "default";
@@ -280,7 +279,11 @@ inline Expected25 expected25(const std::string& model, const std::string& pdt_mo
         blocks(ix.st);
       }
       std::string overflow;
+      std::map<int64_t, Fields> bounds;  // a column's overflow bounds, kept from its records
+      for (const Fields& d : ix.data)
+        if (d[0] == "mmover") bounds[n(d[1])] = d;
       for (const Fields& d : ix.data) {
+        if (d[0] == "mmover") continue;
         if (d[0] == "minmax") {
           out.push_back(act("minmax_size", n(h[1]), n(d[1]), n(d[2]), n(d[3])));
           overflow = d[4];
@@ -288,9 +291,10 @@ inline Expected25 expected25(const std::string& model, const std::string& pdt_mo
           const int64_t width = ptype_width(ptype_of(h[6 + n(d[1])]));
           out.push_back(act("minmax_data", n(h[1]), n(d[1]), (d[2].size() + d[3].size()) / 2,
                             "x" + d[2] + d[3], overflow) +
-                        (overflow != "0"
-                             ? " * *"
-                             : act("", width, "x" + Fields::value_type(4 * width, '0'))));
+                        act("", width,
+                            overflow != "0" && bounds.count(n(d[1]))
+                                ? "x" + bounds[n(d[1])][2]
+                                : "x" + Fields::value_type(4 * width, '0')));
           feature(overflow != "0", "minmax overflow");
         } else if (d[0] == "mmvar") {
           // Pairs of lengths, then each group's minimum and maximum.
@@ -305,9 +309,17 @@ inline Expected25 expected25(const std::string& model, const std::string& pdt_mo
               blob += hex(&len, 8).substr(1);
             }
           for (size_t g = 0; g < lists[0].size(); g++) blob += lists[0][g] + lists[1][g];
+          std::string over = " 0 x";
+          if (overflow != "0") {  // lengths, then the two texts
+            const Fields& b = bounds.count(n(d[1])) ? bounds[n(d[1])] : Fields{"", "", "x", "x"};
+            const int64_t lo = static_cast<int64_t>(b[2].size() / 2),
+                          hi = static_cast<int64_t>(b[3].size() / 2);
+            over = act("", 16 + lo + hi,
+                       hex(&lo, 8) + hex(&hi, 8).substr(1) + b[2].substr(1) + b[3].substr(1));
+          }
           out.push_back(
               act("minmax_vardata", n(h[1]), n(d[1]), blob.size() / 2, "x" + blob, overflow) +
-              (overflow != "0" ? " * *" : " 0 x"));
+              over);
           feature(true, "minmax of strings");
         } else if (d[0] == "jis") {
           out.push_back(act("jis_size", n(h[1]), n(d[1]), n(d[2]), n(d[3])));
