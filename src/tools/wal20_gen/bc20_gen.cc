@@ -636,7 +636,8 @@ struct gen {
 
   std::string model(const std::string& dir) {
     static const char* const kImpl[] = {"", "vcolumn_8", "vcolumn_16", "ccolumn"};
-    std::string out;
+    std::string out =
+        "columnspace " + std::to_string(kBlksz) + " " + std::to_string(kScolType) + "\n";
     if (!multi) {
       out += "location auto default 1 " + dir + J480_PATH_SEP + "CBM" + J480_PATH_SEP + "default\n";
       out += "file default default 0\n";

@@ -82,6 +82,7 @@ struct bc20_gen_options {
 // The model file: what a replay of the log must hold at its end, one item per line, fields
 // separated by one space, "~" for an empty or absent text, lists in the order the model keeps
 // them (tables, indexes, locations and files by ascending id or number):
+//   columnspace <block size> <storage column type>  (first line)
 //   location <id|auto> <name> <usage> <path>         (auto: the default location)
 //   file <nr|default> <location name> <file name>
 //   table <id> <name> <root group id>

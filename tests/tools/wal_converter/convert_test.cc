@@ -88,15 +88,16 @@ TEST(Convert, TheNewLogHoldsTheGeneratorsModelActionByAction) {
       if (shape.gen[0] == "empty") {
         const bool multi = shape.gen[1] == "multi";
         j480test::LogBytes b;
-        b.head().i32(0).lng(1).i32(multi ? 35 : 2).i32(0).str("cs0").i32(j480test::kGenBlksz);
+        b.head().i32(0).lng(1).i32(multi ? 35 : 2).i32(0).str("cs0").i32(65536);
         b.i32(0).i32(0).lng(0);
         if (multi) b.i32(28).lng(1).str("l1").i32(1);
         j480test::make_dirs(cbm);
         j480test::write_file(cbm + "/LOG", b.i32(1).lng(1).bytes());
         j480test::write_file(cbm + "/location_map", multi ? "l1,/p/l1\n" : "");
-        j480test::write_file(model, multi ? "location 1 l1 1 /p/l1\n"
-                                          : "location auto default 1 " + farm.file("db") +
-                                                "/CBM/default\nfile default default 0\n");
+        j480test::write_file(model, "columnspace 65536 1\n" +
+                                        (multi ? "location 1 l1 1 /p/l1\n"
+                                               : "location auto default 1 " + farm.file("db") +
+                                                     "/CBM/default\nfile default default 0\n"));
         seen.insert("empty catalog");
       } else {
         std::vector<std::string> args = {

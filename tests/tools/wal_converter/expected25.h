@@ -113,9 +113,6 @@ struct Expected25 {
   std::set<std::string> features;  // what the model exercised, for coverage
 };
 
-// The columnspace's block size is not in the model: the generator writes 512 KiB.
-constexpr int64_t kGenBlksz = 512 * 1024;
-
 // `pdt_model`: the generator's write-PDT model, whose "pdt" lines with <kept> 1 name the tables
 // that hold one. `with_map`: the location map was there to give multi-location paths.
 inline Expected25 expected25(const std::string& model, const std::string& pdt_model,
@@ -137,6 +134,7 @@ inline Expected25 expected25(const std::string& model, const std::string& pdt_mo
   };
   ptype_register_all();
   std::vector<Fields> locs;
+  Fields cs;  // columnspace <block size> <storage column type>
   std::map<std::string, Fields> files, columns;
   std::map<std::string, int> nullability;
   std::map<std::string, std::pair<std::string, size_t>> keys;  // name: id, table position
@@ -158,6 +156,7 @@ inline Expected25 expected25(const std::string& model, const std::string& pdt_mo
     if (line.back() == ' ') f.push_back("");
     const std::string& k = f[0];
     Table* t = tables.empty() ? nullptr : &tables.back();
+    if (k == "columnspace") cs = f;
     if (k == "location") locs.push_back(f);
     if (k == "file") files[f[1]] = f;
     if (k == "table") tables.push_back({f, {}, {}, {}, 0});
@@ -209,7 +208,7 @@ inline Expected25 expected25(const std::string& model, const std::string& pdt_mo
   auto file_nr = [&](const std::string& f) { return f == "default" ? 0 : n(f); };
   auto ptype_of = [&](const std::string& col) { return ptype_by_name(columns.at(col)[3].c_str()); };
   out.push_back(act("tr_new", 0));
-  out.push_back(act("cs_new", 0, kGenBlksz));
+  out.push_back(act("cs_new", 0, n(cs.at(1))));
   for (const Fields& l : locs) {
     // The default location of a single-location database is the first that the catalog numbers.
     const int64_t id = location_id[l[2]] = l[1] == "auto" ? 2 : n(l[1]);
@@ -222,7 +221,7 @@ inline Expected25 expected25(const std::string& model, const std::string& pdt_mo
 
   auto paxgroup = [&](const Group& g, const std::string& storage, int64_t object) {
     const Fields& h = g.head;
-    out.push_back(act("scol_new", n(h[2]), 1));  // the generator's only storage column type
+    out.push_back(act("scol_new", n(h[2]), n(cs.at(2))));
     std::string descrs;
     for (size_t c = 4; c < h.size(); c++) {
       const Fields& col = columns.at(h[c]);
