@@ -176,7 +176,7 @@ bm_logger_action_list* generate_blocks(MemContext* mem, bc20_colgroup* group) {
   for (int64_t k = 0; k < n; k++) {
     if (k + 16 < n) __builtin_prefetch(blocks[k + 16]);
     iob* b = blocks[k];
-    if (b->group != group_seen || group_seen == nullptr) {
+    if (b->group != group_seen) {  // a block without a group has file number 0
       group_seen = b->group;
       file_nr = iob_get_file_nr(b);
     }
