@@ -218,8 +218,12 @@ TEST_F(IobmTest, IdsAreClaimedOnceAndTheDatasetGrowsToTheId) {
   std::string err = err_of([&] { EXPECT_EQ(scolumn_create(bm_, cs_, 0, 1, 3), nullptr); });
   EXPECT_EQ(err, "ERROR:CBM:iobm_register_scolumn: no id for a storage column during replay\n");
   for (int32_t id : {0, -3, 999, 5000}) EXPECT_EQ(iobm_get_scolumn(bm_, id), nullptr);
+  scolumn* lowest = scolumn_create(bm_, cs_, 1, 1, 3);  // the first id there is
+  EXPECT_EQ(iobm_get_scolumn(bm_, 1), lowest);
+  scolumn_destroy(lowest);
   scolumn_destroy(first);
   EXPECT_EQ(iobm_get_scolumn(bm_, 1000), nullptr);
+  EXPECT_EQ(iobm_get_scolumn(bm_, 1), nullptr);
 
   EXPECT_EQ(dataset_create(0), nullptr);
 }
