@@ -120,34 +120,11 @@ void check_list(int rc, const bc20_action* list) {
   }
 }
 
-// The reader as the dump drives it, one context per transaction as the replay has it.
+// The version word is read and tested, but the records are read whatever it says.
 void read_all(const char* path, size_t size) {
-  stream* s = open_binary_read_stream(path);
-  if (s == nullptr) return;
-  MemContext* mem = nullptr;
-  try {
-    // The version word is read and tested, but the records are read whatever it says.
-    bc20_logger_version_test(bc20_logger_read_version(s));
-    // Each call that returns 1 consumes at least one tag.
-    size_t budget = size / 4 + 2;
-    for (;;) {
-      FUZZ_CHECK(budget-- > 0);
-      mem = mem_context_create(nullptr, "logger_replay_tc");
-      bc20_action* list = reinterpret_cast<bc20_action*>(1);
-      int rc = bc20_logger_read_transaction(mem, s, &list);
-      FUZZ_CHECK(rc == 0 || rc == 1);
-      FUZZ_CHECK(list != reinterpret_cast<bc20_action*>(1));
-      check_list(rc, list);
-      mem_context_remove(mem);
-      mem = nullptr;
-      if (rc == 0) break;
-    }
-  } catch (const j480fuzz::AcceptedAssertion&) {
-    if (mem != nullptr) mem_context_remove(mem);
-    stream_close_destroy(s);
-    throw;
-  }
-  stream_close_destroy(s);
+  j480fuzz::read_log<bc20_action>(
+      path, size, [](stream* s) { bc20_logger_version_test(bc20_logger_read_version(s)); },
+      bc20_logger_read_transaction, check_list);
 }
 
 }  // namespace

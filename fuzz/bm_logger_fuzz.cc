@@ -113,31 +113,9 @@ void check_list(int rc, const bm_logger_action_list* list) {
 }
 
 void read_all(const char* path, size_t size) {
-  stream* s = open_binary_read_stream(path);
-  if (s == nullptr) return;
-  MemContext* mem = nullptr;
-  try {
-    bm_logger_read_version(s);
-    // Each call that returns 1 consumes at least one tag.
-    size_t budget = size / 4 + 2;
-    for (;;) {
-      FUZZ_CHECK(budget-- > 0);
-      mem = mem_context_create(nullptr, "logger_replay_tc");
-      bm_logger_action_list* list = reinterpret_cast<bm_logger_action_list*>(1);
-      int rc = bm_logger_read_transaction(mem, s, &list);
-      FUZZ_CHECK(rc == 0 || rc == 1);
-      FUZZ_CHECK(list != reinterpret_cast<bm_logger_action_list*>(1));
-      check_list(rc, list);
-      mem_context_remove(mem);
-      mem = nullptr;
-      if (rc == 0) break;
-    }
-  } catch (const j480fuzz::AcceptedAssertion&) {
-    if (mem != nullptr) mem_context_remove(mem);
-    stream_close_destroy(s);
-    throw;
-  }
-  stream_close_destroy(s);
+  j480fuzz::read_log<bm_logger_action_list>(
+      path, size, [](stream* s) { bm_logger_read_version(s); }, bm_logger_read_transaction,
+      check_list);
 }
 
 }  // namespace

@@ -10,6 +10,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "utils/mem.h"
+#include "utils/stream.h"
+
 // A broken promise of the code under test: a crash with the check's line in the stack.
 #define FUZZ_CHECK(cond)           \
   do {                             \
@@ -48,6 +51,39 @@ struct AcceptedAssertion {
 // Assertion texts (the stringified expressions) to throw AcceptedAssertion for, instead of
 // aborting; `exprs` must stay alive. Any other failed assertion aborts as usual.
 void accept_assertions(const char* const* exprs, int count);
+
+// A log read as the dump drives its reader, with one context per transaction as the replay has
+// it: `read_version(s)`, then `read_transaction(mem, s, &list)` for as long as it returns 1,
+// each result handed to `check(rc, list)`. A call that returns 1 consumes at least one tag, so
+// the loop is bounded by the input's size. An accepted assertion leaves nothing open behind it.
+template <class List, class ReadVersion, class ReadTransaction, class Check>
+void read_log(const char* path, size_t size, ReadVersion read_version,
+              ReadTransaction read_transaction, Check check) {
+  stream* s = open_binary_read_stream(path);
+  if (s == nullptr) return;
+  MemContext* mem = nullptr;
+  try {
+    read_version(s);
+    size_t budget = size / 4 + 2;
+    for (;;) {
+      FUZZ_CHECK(budget-- > 0);
+      mem = mem_context_create(nullptr, "logger_replay_tc");
+      List* list = reinterpret_cast<List*>(1);
+      int rc = read_transaction(mem, s, &list);
+      FUZZ_CHECK(rc == 0 || rc == 1);
+      FUZZ_CHECK(list != reinterpret_cast<List*>(1));
+      check(rc, list);
+      mem_context_remove(mem);
+      mem = nullptr;
+      if (rc == 0) break;
+    }
+  } catch (const AcceptedAssertion&) {
+    if (mem != nullptr) mem_context_remove(mem);
+    stream_close_destroy(s);
+    throw;
+  }
+  stream_close_destroy(s);
+}
 
 }  // namespace j480fuzz
 
