@@ -54,8 +54,8 @@ void accept_assertions(const char* const* exprs, int count);
 
 // A log read as the dump drives its reader, with one context per transaction as the replay has
 // it: `read_version(s)`, then `read_transaction(mem, s, &list)` for as long as it returns 1,
-// each result handed to `check(rc, list)`. A call that returns 1 consumes at least one tag, so
-// the loop is bounded by the input's size. An accepted assertion leaves nothing open behind it.
+// each result handed to `check(rc, list)`. A call that returns 1 consumes at least one tag or
+// meets a read error that ends the loop, so the loop is bounded by the input's size. An accepted assertion leaves nothing open behind it.
 template <class List, class ReadVersion, class ReadTransaction, class Check>
 void read_log(const char* path, size_t size, ReadVersion read_version,
               ReadTransaction read_transaction, Check check) {
@@ -75,7 +75,10 @@ void read_log(const char* path, size_t size, ReadVersion read_version,
       check(rc, list);
       mem_context_remove(mem);
       mem = nullptr;
-      if (rc == 0) break;
+      // As in the dumps: a damaged transaction is read past, a file that can't be read any
+      // further (one that failed to open included) ends the log.
+      if (rc == 0 || (list == nullptr && stream_error(s) != STREAM_NOERR && !stream_at_end(s)))
+        break;
     }
   } catch (const AcceptedAssertion&) {
     if (mem != nullptr) mem_context_remove(mem);

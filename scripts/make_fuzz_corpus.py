@@ -93,6 +93,7 @@ def every_record(g):
 def reader_seeds():
     seeds = {}
     seeds["empty"] = Log().head().b
+    seeds["zero_bytes"] = b""  # a file that can't even be opened for reading
     seeds["every_record_le"] = Log().head().tr(1, every_record).b
     seeds["every_record_be"] = Log(True).head().tr(1, every_record).b
     two = Log().head().tr(1, lambda g: g.i(4).i(1, 0, 2))

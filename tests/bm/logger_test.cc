@@ -384,6 +384,7 @@ TEST_F(Logger25, DISABLED_WritesTheFuzzSeeds) {
       {"every_kind_be", golden(true, 4)},
       {"two_transactions", every + golden(false, 1).substr(10)},
       {"empty", h},
+      {"zero_bytes", ""},
       {"no_version", LogBytes().i16(1234).bytes()},
       {"unbracketed", h + LogBytes().i32(23).lng(1).i32(21).lng(1).lng(2).lng(3).bytes()},
       {"cut_in_record", every.substr(0, every.size() / 2)},
