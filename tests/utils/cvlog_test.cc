@@ -1,16 +1,13 @@
 // The logger: line decoration per sink, the configuration language and its sources, multi-piece
-// lines, the transaction table and the assertion path.
+// lines and the assertion path.
 #include "utils/cvlog.h"
 
 #include <gtest/gtest.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <ctime>
 #include <functional>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/test_support.h"
@@ -103,33 +100,6 @@ TEST_F(CvLog, PrefixPiecesComeInTheirOrder) {
                             __FILE__ + ":" + std::to_string(line) + ":\x1b[0;32mtext\x1b[m");
 }
 
-TEST_F(CvLog, TimestampsHaveTheirShapesAndTellTheTime) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"stderr=timesec", "[0-9]{10}\\.[0-9]{3}:x\n"},
-      {"stderr=timesec:usec", "[0-9]{10}\\.[0-9]{6}:x\n"},
-      {"stderr=timestamp", "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} x\n"},
-      {"stderr=timestamp:usec",
-       "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6} x\n"},
-  };
-  for (const auto& [config, shape] : cases) {
-    use(config);
-    const time_t before = time(nullptr);
-    std::string err = err_of([] { CV_INFO(nullptr, "x"); });
-    EXPECT_TRUE(std::regex_match(err, std::regex(shape))) << config << ": " << err;
-    time_t logged = 0;
-    if (err[4] == '-') {  // local calendar time
-      struct tm tm = {};
-      ASSERT_NE(strptime(err.c_str(), "%Y-%m-%d %H:%M:%S", &tm), nullptr) << err;
-      tm.tm_isdst = -1;
-      logged = mktime(&tm);
-    } else {
-      logged = static_cast<time_t>(strtoll(err.c_str(), nullptr, 10));
-    }
-    EXPECT_LE(before - 1, logged) << config << ": " << err;
-    EXPECT_LE(logged, time(nullptr)) << config << ": " << err;
-  }
-}
-
 // ---- Configuration ----
 
 TEST_F(CvLog, ConfigurationSourcesInTheirOrder) {
@@ -175,67 +145,6 @@ TEST_F(CvLog, ConfigurationSourcesInTheirOrder) {
   free(text);
 }
 
-TEST_F(CvLog, FacilityItemsMixValuesAndCopyTheDefaultAsItStands) {
-  j480test::TempDir dir;  // CBM routes to the file sink: keep "corvane.log" out of the cwd
-  j480test::ScopedEnv in_dir("CVLOG_DIRECTORY", dir.path().c_str());
-  use("CBM=red:debug:file\n"
-      "default=stdout:debug\n"
-      "facility PDT=blue\n"
-      "default=error\n"
-      "KERNEL=trace\n"
-      "CBM=error\n");
-  const cv_log_facility* cbm = cv_log_find_facility("CBM");
-  EXPECT_STREQ(cbm->name, "CBM");
-  EXPECT_EQ(cbm->color, 1);
-  EXPECT_EQ(cbm->level, CV_LOG_DEBUG);  // the first of two CBM entries is the one found
-  EXPECT_EQ(cbm->sinks, CV_SINK_FILE);
-  const cv_log_facility* pdt = cv_log_find_facility("PDT");
-  EXPECT_EQ(pdt->level, CV_LOG_DEBUG);  // the default of that moment
-  EXPECT_EQ(pdt->sinks, CV_SINK_STDOUT);
-  EXPECT_EQ(pdt->color, 4);
-  const cv_log_facility* def = cv_log_facility_at(0);
-  EXPECT_EQ(def->level, CV_LOG_ERROR);  // fields given start from zero, the rest fall back
-  EXPECT_EQ(def->sinks, CV_SINK_STDERR);
-  EXPECT_EQ(def->color, 16);
-  EXPECT_EQ(cv_log_find_facility("KERNEL")->sinks, CV_SINK_STDERR);
-  EXPECT_EQ(cv_log_find_facility("OTHER"), def);
-  EXPECT_EQ(cv_log_facility_count(), 4);
-  EXPECT_STREQ(cv_log_facility_at(4)->name, "CBM");  // 0 the default, 1..count the named
-  EXPECT_EQ(cv_log_facility_at(5), nullptr);
-  EXPECT_EQ(cv_log_facility_at(-1), nullptr);
-
-  use("default=black");
-  EXPECT_EQ(cv_log_facility_at(0)->color, 0);
-  EXPECT_EQ(cv_log_facility_at(0)->level, CV_LOG_INFO);
-  std::string config;  // the 128th facility is a parse error
-  for (int i = 0; i < 128; i++) config += "F" + std::to_string(i) + "=debug\n";
-  use(config.c_str());
-  EXPECT_EQ(out_of([] { cv_log_facility_count(); }),
-            "error parsing configuration logger at line 128\n");
-  EXPECT_EQ(cv_log_facility_count(), CV_LOG_MAX_FACILITIES);
-  EXPECT_EQ(level_of("F126"), CV_LOG_DEBUG);
-  EXPECT_EQ(level_of("F127"), CV_LOG_INFO);
-}
-
-TEST_F(CvLog, LongNamesAreCutAndSinkItemsReplaceTheWholeFlagSet) {
-  use("UPDATE_PROPAGATION=debug");
-  EXPECT_STREQ(cv_log_facility_at(1)->name, "UPDATE_PROPAGAT");
-  EXPECT_EQ(level_of("UPDATE_PROPAGATION"), CV_LOG_INFO);
-  EXPECT_EQ(level_of("UPDATE_PROPAGAT"), CV_LOG_DEBUG);
-  EXPECT_EQ(err_of([] { CV_INFO("UPDATE_PROPAGATION", "x"); }), "#UPDATE_PROPAGATION:x\n");
-  use("stdout=pid\nfile=tid:flush");  // a sink item replaces the whole flag set
-  const cv_log_sink* out = cv_log_sink_at(CV_SINK_INDEX_STDOUT);
-  EXPECT_EQ(out->pid, 1);
-  EXPECT_EQ(out->color, 0);
-  EXPECT_EQ(out->comment, 0);
-  const cv_log_sink* file = cv_log_sink_at(CV_SINK_INDEX_FILE);
-  EXPECT_EQ(file->timestamp, 0);
-  EXPECT_EQ(file->showlevel, 0);
-  EXPECT_EQ(file->pid, 0);
-  EXPECT_EQ(file->tid + file->flush, 2);
-  EXPECT_EQ(cv_log_sink_at(CV_SINK_INDEX_STDERR)->comment, 1);  // untouched
-}
-
 TEST_F(CvLog, ParseErrorReportsItsLineAndKeepsWhatWasParsed) {
   struct {
     const char* config;
@@ -254,6 +163,14 @@ TEST_F(CvLog, ParseErrorReportsItsLineAndKeepsWhatWasParsed) {
         << c.config;
     EXPECT_EQ(level_of("CBM"), c.cbm_level) << c.config;
   }
+  std::string config;  // the 128th facility is a parse error
+  for (int i = 0; i < 128; i++) config += "F" + std::to_string(i) + "=debug\n";
+  use(config.c_str());
+  EXPECT_EQ(out_of([] { cv_log_facility_count(); }),
+            "error parsing configuration logger at line 128\n");
+  EXPECT_EQ(cv_log_facility_count(), CV_LOG_MAX_FACILITIES);
+  EXPECT_EQ(level_of("F126"), CV_LOG_DEBUG);
+  EXPECT_EQ(level_of("F127"), CV_LOG_INFO);
   use("stdout=pid:bogus");
   out_of([] { cv_log_facility_count(); });
   EXPECT_EQ(cv_log_sink_at(CV_SINK_INDEX_STDOUT)->pid, 1);  // applied up to the bad word
@@ -321,40 +238,6 @@ TEST_F(CvLog, LineInPiecesAndLevelFilter) {
     cv_log_end(&rec);
   });
   EXPECT_EQ(err, "#CBM:a=1, b=two\n");
-}
-
-TEST_F(CvLog, TransactionTableAndTxidDecoration) {
-  use("stderr=txid");
-  uint64_t me = cv_log_current_thread_id();
-  EXPECT_EQ(cv_log_thread_get_txid(me), 0);
-  cv_log_thread_set_txid(me, 9);  // no entry yet: nothing happens
-  EXPECT_EQ(cv_log_thread_get_txid(me), 0);
-  cv_log_thread_create(1001);  // the creator has no entry: 0
-  EXPECT_EQ(cv_log_thread_get_txid(1001), 0);
-  EXPECT_EQ(err_of([] { CV_INFO("A", "x"); }), "A:x\n");  // a zero txid is not printed
-  cv_log_thread_create(me);
-  cv_log_thread_set_txid(me, 9);
-  cv_log_thread_create(1002);  // inherits the creator's id
-  EXPECT_EQ(cv_log_thread_get_txid(1002), 9);
-  EXPECT_EQ(err_of([] { CV_INFO("A", "x"); }), "TXID 9:A:x\n");
-  cv_log_thread_destroy(me);
-  EXPECT_EQ(cv_log_thread_get_txid(me), 0);
-}
-
-TEST_F(CvLog, LinesOfConcurrentThreadsNeverInterleave) {
-  j480test::TempDir dir;
-  use(("default=file\nfile=tid\nfilename=" + dir.file("t.log")).c_str());
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; t++)
-    threads.emplace_back([t] {
-      for (int i = 0; i < 300; i++) CV_INFO("T", "thread %d line %d %s", t, i, "payload");
-    });
-  for (auto& th : threads) th.join();
-  cv_log_reset_for_tests();
-  std::vector<std::string> lines = j480test::split_lines(read_file(dir.file("t.log")));
-  ASSERT_EQ(lines.size(), 1200u);
-  std::regex shape("TID [0-9]+:T:thread [0-3] line [0-9]+ payload");
-  for (const std::string& l : lines) ASSERT_TRUE(std::regex_match(l, shape)) << l;
 }
 
 // ---- Assertions ----

@@ -1,9 +1,8 @@
-// File utilities: the absolute-path rule, directories, moves with their retries, locks, umask
-// and key files.
+// File utilities: the absolute-path rule, directories, moves with their retries, umask and key
+// files.
 #include "utils/file.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -161,35 +160,6 @@ TEST_F(FileTest, DeltreeLogsEveryFailedCallAndKeepsTheDirectory) {
     EXPECT_TRUE(Contains(err, "ERROR:deltree: error")) << k << err;
   }
   EXPECT_EQ(deltree(root.c_str()), 0);
-}
-
-TEST_F(FileTest, LockIsPerHandleAndBetweenProcesses) {
-  std::string path = dir_.file("lock");
-  int64_t h = file_lock(path.c_str(), 2);
-  ASSERT_GE(h, 0);
-  EXPECT_EQ(file_lock(path.c_str(), 2), -1);  // another handle in this process
-
-  pid_t pid = fork();
-  if (pid == 0) _exit(file_lock(path.c_str(), 2) == -1 ? 0 : 1);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-
-  const char text[] = "48130\n4242\n";
-  EXPECT_EQ(write_lockfile(h, text, 11), 11);
-  EXPECT_EQ(read_file(path), text);  // the content stays readable under the lock
-  EXPECT_EQ(write_lockfile(-1, text, 11), -1);
-  px_fault_arm(1, ENOSPC);
-  EXPECT_EQ(write_lockfile(h, text, 11), -1);
-  px_fault_disarm();
-
-  file_unlock(h);
-  file_unlock(-1);
-  file_unlock(-2);
-  int64_t again = file_lock(path.c_str(), 1);
-  EXPECT_GE(again, 0);
-  file_unlock(again);
-  EXPECT_EQ(file_lock((dir_.path() + "/no/such/dir/lock").c_str(), 2), -2);
 }
 
 TEST(FileUmask, OnlyOctalUpTo777IsApplied) {

@@ -98,32 +98,23 @@ TEST(LongjmpCtx, InterleavedFramesOfTwoThreadsEachReachTheirOwn) {
   EXPECT_EQ(e.env.top, nullptr);
 }
 
-TEST(LongjmpCtxDeathTest, SecondJumpThroughAnUnpoppedEntryAndJumpWithoutFrameAssert) {
-  EXPECT_DEATH(
-      {
-        Env e;
-        char buf;
-        longjmp_ctx_push(&e.env, &buf);
-        try {
-          longjmp_ctx_jump(&e.env, 1);
-        } catch (const longjmp_unwind&) {
-        }
-        longjmp_ctx_jump(&e.env, 1);
-      },
-      "assertion \"ljc->jumped == FALSE\" failed");
-  EXPECT_DEATH(
-      {
-        Env e;
-        longjmp_ctx_jump(&e.env, 2);
-      },
-      "assertion \"ljc != NULL\" failed");
+// Jumps twice through an entry that was never popped.
+static void jump_twice(longjmp_env* env) {
+  char buf;
+  longjmp_ctx_push(env, &buf);
+  try {
+    longjmp_ctx_jump(env, 1);
+  } catch (const longjmp_unwind&) {
+  }
+  longjmp_ctx_jump(env, 1);
+}
+
+TEST(LongjmpCtxDeathTest, JumpOrPopWithoutAFrameAndASecondJumpThroughAnUnpoppedEntryAssert) {
+  Env e;
+  EXPECT_DEATH(longjmp_ctx_jump(&e.env, 2), "assertion \"ljc != NULL\" failed");
   EXPECT_DEATH(longjmp_ctx_jump(nullptr, 2), "assertion \"ljc != NULL\" failed");
-  EXPECT_DEATH(
-      {
-        Env e;
-        longjmp_ctx_pop(&e.env);
-      },
-      "assertion \"deleted != NULL\" failed");
+  EXPECT_DEATH(longjmp_ctx_pop(&e.env), "assertion \"deleted != NULL\" failed");
+  EXPECT_DEATH(jump_twice(&e.env), "assertion \"ljc->jumped == FALSE\" failed");
 }
 
 TEST(J480Error, TableHoldsEveryCodeAndFormatsParameters) {

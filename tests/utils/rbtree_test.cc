@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <random>
 #include <vector>
@@ -20,16 +21,12 @@ int64_t compare_ints(const void* a, const void* b) {
 struct Tree {
   MemContext* mem = mem_context_create(nullptr, "rbtree_test");
   rb_tree* tree = rb_create(mem, 1, compare_ints);
-  std::vector<int64_t*> keys;  // stable addresses for keys
+  std::deque<int64_t> keys;  // stable addresses for keys
   ~Tree() {
     rb_destroy(tree, nullptr);
     mem_context_remove(mem);
-    for (int64_t* k : keys) delete k;
   }
-  int64_t* key(int64_t v) {
-    keys.push_back(new int64_t(v));
-    return keys.back();
-  }
+  int64_t* key(int64_t v) { return &keys.emplace_back(v); }
 };
 
 int64_t key_of(const rb_node* n) { return *static_cast<const int64_t*>(n->key); }

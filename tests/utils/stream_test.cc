@@ -1,8 +1,9 @@
 // Byte streams: the mark rules of the openers, typed integers, sticky errors and I/O faults.
+// Typed reads of a log in the other byte order, and the append and update openers that write
+// the new log, are the whole-tool tests' part.
 #include "utils/stream.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -91,66 +92,6 @@ TEST(Stream, BinaryRoundTripThenEndOfFileIsSticky) {
   stream_destroy(r);
 }
 
-TEST(Stream, ForeignMarkSwapsTypedReadsButNotBulkReads) {
-  TempDir dir;
-  // A writer of the other byte order, and one with a mark that is nothing at all: both swap.
-  const std::string body = std::string("\x01\x02\x03\x04", 4) +
-                           std::string("\x00\x00\x00\x00\x00\x00\x01\x02", 8) + "\x0A\x0B";
-  for (const std::string& mark : {std::string("\x04\xD2", 2), std::string("\x00\x00", 2)}) {
-    std::string path = dir.file("foreign");
-    write_file(path, mark + body);
-    stream* r = open_binary_read_stream(path.c_str());
-    ASSERT_EQ(stream_error(r), 0);
-    EXPECT_NE(r->byteorder, 1234);
-    int32_t i = 0;
-    int64_t l = 0;
-    ASSERT_EQ(stream_read_int(r, &i), 1);
-    ASSERT_EQ(stream_read_lng(r, &l), 1);
-    EXPECT_EQ(i, 0x01020304);
-    EXPECT_EQ(l, 0x0102);
-    char raw[2];
-    EXPECT_EQ(stream_read(r, raw, 2, 1), 1);
-    EXPECT_EQ(std::string(raw, 2), "\x0A\x0B");
-    stream_close_destroy(r);
-  }
-}
-
-TEST(Stream, AppendMarksOnlyAnEmptyFileAndUpdateOnlyAnExistingOne) {
-  TempDir dir;
-  std::string fresh = dir.file("fresh"), empty = dir.file("empty"), full = dir.file("full");
-  write_file(empty, "");
-  write_file(full, "content");
-  for (const std::string& p : {fresh, empty, full}) {
-    stream* s = open_binary_append_stream(p.c_str());
-    ASSERT_EQ(stream_error(s), 0);
-    EXPECT_EQ(s->access, ST_WRITE);
-    EXPECT_EQ(stream_write(s, "+", 1, 1), 1);
-    stream_close_destroy(s);
-  }
-  EXPECT_EQ(read_file(fresh), kMarkBytes + "+");
-  EXPECT_EQ(read_file(empty), kMarkBytes + "+");
-  EXPECT_EQ(read_file(full), "content+");
-  stream* t = open_text_append_stream(empty.c_str());  // text never marks
-  EXPECT_EQ(stream_write(t, "line\n", 1, 5), 5);
-  stream_close_destroy(t);
-  EXPECT_EQ(read_file(empty), kMarkBytes + "+line\n");
-
-  // An update stream marks the head of an existing file only.
-  std::string path = dir.file("u");
-  write_file(path, "ABCDEFGH");
-  stream* s = open_binary_update_stream(path.c_str());
-  ASSERT_EQ(stream_error(s), 0);
-  EXPECT_EQ(stream_setpos(s, 6), 0);
-  EXPECT_TRUE(stream_write_int(s, 0x31313131));
-  stream_close_destroy(s);
-  EXPECT_EQ(read_file(path), kMarkBytes + "CDEF1111");
-
-  stream* m = open_binary_update_stream(dir.file("nothing").c_str());
-  EXPECT_EQ(stream_error(m), 1);
-  stream_close_destroy(m);
-  EXPECT_FALSE(j480test::exists(dir.file("nothing")));
-}
-
 TEST(Stream, FailedCloseIsAWriteErrorOnlyForWriteStreams) {
   TempDir dir;
   std::string path = dir.file("c");
@@ -164,22 +105,6 @@ TEST(Stream, FailedCloseIsAWriteErrorOnlyForWriteStreams) {
     EXPECT_EQ(stream_error(s), write ? 3 : 0) << write;
     stream_destroy(s);
   }
-}
-
-TEST(Stream, PositionsBeyondFourGigabytes) {
-  TempDir dir;
-  std::string path = dir.file("sparse");
-  write_file(path, kMarkBytes);
-  ASSERT_EQ(truncate(path.c_str(), (5LL << 30) + 8), 0);  // sparse
-  stream* r = open_binary_read_stream(path.c_str());
-  ASSERT_EQ(stream_setpos(r, 5LL << 30), 0);
-  int64_t pos = 0;
-  EXPECT_EQ(stream_getpos(r, &pos), 0);
-  EXPECT_EQ(pos, 5LL << 30);
-  int64_t v = -1;
-  EXPECT_EQ(stream_read_lng(r, &v), 1);
-  EXPECT_EQ(v, 0);
-  stream_close_destroy(r);
 }
 
 TEST(Stream, ItemCountsWhoseByteSizeWrapsAreErrorsNotFullCounts) {
@@ -237,25 +162,6 @@ TEST_F(StreamFaultTest, OpenFailuresAreOpenErrors) {
       EXPECT_EQ(read_file(path), c.content) << path;
     }
   }
-}
-
-TEST_F(StreamFaultTest, ReadFaultIsAReadErrorAndStaysUntilCleared) {
-  std::string path = dir_.file("r");
-  write_file(path, kMarkBytes + "0123456789");
-  stream* s = open_binary_read_stream(path.c_str());
-  px_fault_arm(1, EIO);
-  char buf[4];
-  EXPECT_EQ(stream_read(s, buf, 1, 4), 0);
-  EXPECT_EQ(stream_error(s), 2);
-  EXPECT_EQ(stream_read(s, buf, 1, 4), 2);
-  stream_clear_error(s);
-  EXPECT_EQ(stream_read(s, buf, 1, 4), 4);
-  EXPECT_EQ(std::string(buf, 4), "0123");
-  px_fault_arm(1, EIO);
-  int32_t v = 0;
-  EXPECT_EQ(stream_read_int(s, &v), 0);
-  EXPECT_EQ(stream_error(s), 2);
-  stream_close_destroy(s);
 }
 
 TEST_F(StreamFaultTest, WriteFlushAndFsyncFaultsAreWriteErrors) {

@@ -94,20 +94,6 @@ TEST_F(SystemTest, OverallocationIsCutToTheMemoryLimitAndWrittenBack) {
   mem_context_remove(root);
 }
 
-TEST_F(SystemTest, TheSemaphoreHoldsMaxTransactionsPermits) {
-  ASSERT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_SYSTEM, CVPROP_MAX_TRANSACTIONS, 3), 1);
-  init_log();
-  EXPECT_EQ(g_system_account.maxTrans, 3u);
-  EXPECT_EQ(g_system_account.curTrans, 0u);
-  std::counting_semaphore<>* sem = system_transaction_semaphore();
-  ASSERT_NE(sem, nullptr);
-  for (int i = 0; i < 3; i++) EXPECT_TRUE(sem->try_acquire()) << i;
-  EXPECT_FALSE(sem->try_acquire());
-  sem->release(3);
-  system_exit();
-  EXPECT_EQ(system_transaction_semaphore(), nullptr);
-}
-
 TEST_F(SystemTest, HugePagesTakeTheCoreCountAsLimitAndAreDroppedWhenUnavailable) {
   ASSERT_EQ(cvconfig_set_bool(cmdline_, CVGROUP_MEMORY, CVPROP_USE_HUGE_TLB, 1), 1);
   ASSERT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_SYSTEM, CVPROP_NUM_CORES, 6), 1);
