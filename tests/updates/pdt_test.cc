@@ -1,7 +1,13 @@
 // The tree's parameters, growth, the updates that fold into existing entries, the serial form's
-// limits, and the assertions at the edges.
+// limits, the assertions at the edges, small trees applied on each other, an apply out of
+// memory, the key range among inserts, and the dump. Long random updates: pdt_model_test.cc.
+#include <cerrno>
+#include <random>
+
 #include "support/test_support.h"
 #include "updates_test_util.h"
+#include "utils/longjmp_ctx.h"
+#include "utils/posix.h"
 
 namespace {
 
@@ -16,21 +22,16 @@ std::string entries_text(const pdt* t) {
   return out;
 }
 
-TEST(Pdt, AnEmptyTreeIsOneRootLeafAndBadParametersAreRefused) {
-  ut::Tree tree(3, 8);
+TEST(Pdt, AnEmptyTreeIsOneRootLeafAndGrowsByBlocksWithoutMovingNodesUpToSixtyFour) {
+  EXPECT_EQ(ut::Tree(2, 8).t, nullptr);  // bad parameters
+  EXPECT_EQ(ut::Tree(3, 0).t, nullptr);
+  ut::Tree tree(PDT_DEFAULT_FAN_OUT, 1000);
   pdt* t = tree.t;
   int64_t sid = 0, delta = -1;
   EXPECT_EQ(pdt_find_first_leaf_by_sid(t, &sid, &delta), t->root_idx);
   EXPECT_EQ(delta, 0);
   EXPECT_EQ(t->nodes[t->root_idx][NEXT], LLIST_END);
   EXPECT_EQ(t->nodes[t->root_idx][PREV], LLIST_END);
-  EXPECT_EQ(ut::Tree(2, 8).t, nullptr);
-  EXPECT_EQ(ut::Tree(3, 0).t, nullptr);
-}
-
-TEST(Pdt, GrowthAddsBlocksWithoutMovingNodesUpToSixtyFour) {
-  ut::Tree tree(PDT_DEFAULT_FAN_OUT, 1000);
-  pdt* t = tree.t;
   uint32_t* first = t->nodes[0];
   ASSERT_EQ(pdt_grow(t), 0);
   ASSERT_EQ(pdt_grow(t), 0);
@@ -107,27 +108,26 @@ TEST(Pdt, UpdatesFoldIntoExistingEntries) {
 TEST(Pdt, SerialFormOfEmptyAndBlockTreesAndTooSmallBuffer) {
   ut::Tree tree(3, 4);
   pdt* t = tree.t;
-  std::string buf = ut::serialize(t);
-  ASSERT_EQ(buf.size(), 24u + 8 * 3);
-  const ut::Serial empty = ut::read_serial(buf);
-  EXPECT_EQ(empty.num_nodes, 1u);
-  EXPECT_EQ(empty.n_entries, 0);
-  EXPECT_EQ(buf.substr(24), std::string(24, '\0'));
+  const uint32_t head[2] = {3, 1};  // fan-out and nodes, then the sizes: 24 and no entries
+  const int64_t sizes[2] = {24, 0};
+  EXPECT_EQ(ut::serialize(t), std::string(reinterpret_cast<const char*>(head), 8) +
+                                  std::string(reinterpret_cast<const char*>(sizes), 16) +
+                                  std::string(24, '\0'));
 
   ASSERT_EQ(t->ops.add_delete(t, 0, PDT_BLOCK_DELETE_MAX, -1), 0);
-  buf.assign(size_t(pdt_serialized_size(t)) - 1, 'x');
+  std::string buf(size_t(pdt_serialized_size(t)) - 1, 'x');
   std::string err = j480test::err_of([&] { EXPECT_EQ(pdt_serialize(t, buf.data(), int64_t(buf.size())), -1); });
   EXPECT_NE(err.find("pdt_serialize: buffer too small, bufsize=59, resultsize=60\n"), std::string::npos) << err;
   EXPECT_EQ(buf, std::string(59, 'x'));
-  const ut::Serial one = ut::read_serial(ut::serialize(t));
-  ASSERT_EQ(one.entries.size(), 1u);
-  EXPECT_EQ(one.entries[0].def, PDT_DEF(0, PDT_DELETE, 16383));
+  EXPECT_EQ(entries_text(t), "0/0/16383");
+  EXPECT_EQ(ut::serialize(t), ut::expected_serial(t));
 
   // Dropped leaves keep their indexes: the record counts them.
   for (int i = 0; i < 40; i++) ASSERT_EQ(t->ops.add_modify(t, i, tree.modify(0, i, ""), 0), 0);
   ASSERT_EQ(t->ops.add_delete(t, 0, 40, -1), 0);
   EXPECT_EQ(entries_text(t), "0/0/16383 16384/0/39");
-  EXPECT_GT(ut::read_serial(ut::serialize(t)).num_nodes, 1u);
+  EXPECT_GT(t->num_nodes, 1u);
+  EXPECT_EQ(ut::serialize(t), ut::expected_serial(t));
 }
 
 TEST(PdtDeath, AssertionsAtTheEdges) {
@@ -148,6 +148,103 @@ TEST(PdtDeath, AssertionsAtTheEdges) {
     EXPECT_DEATH({ ut::Tree x(3, 4); r.run(x); }, Esc("assertion \"" + std::string(r.text) + "\" failed"))
         << r.text;
   }
+}
+
+// Random updates over an image of `*size` rows (slng and str modifies, increments, inserts and
+// short deletes), made alike on every tree of `trees`.
+void random_updates(std::mt19937_64& rng, int n, int64_t* size, std::vector<ut::Tree*> trees) {
+  auto rnd = [&](int64_t k) { return k <= 0 ? 0 : int64_t(rng() % uint64_t(k)); };
+  for (int k = 0; k < n; k++) {
+    const int r = int(rnd(100));
+    const int64_t rid = rnd(*size + 1);
+    const uint16_t col = uint16_t(rnd(2));
+    int64_t v = int64_t(rng() % 100000);
+    const std::string s = "x" + std::to_string(rnd(1000));
+    if (r >= 35 && rid == *size) continue;
+    if (r >= 60 && r < 72) v = rnd(201) - 100;
+    const int64_t n_del = r < 72 ? 0 : std::min<int64_t>(1 + rnd(rnd(5) == 0 ? 100 : 3), *size - rid);
+    for (ut::Tree* tree : trees) {
+      pdt* t = tree->t;
+      if (r < 35) pdt_add_insert(t, rid, tree->tuple(v, s.c_str()), nullptr, nullptr, 0);
+      else if (r < 60) pdt_add_modify(t, rid, tree->modify(col, v, s.c_str()), col);
+      else if (r < 72) pdt_add_increment(t, rid, ut::kIncCol, v);
+      else pdt_add_delete(t, rid, n_del, -1);
+    }
+    *size += r < 35 ? 1 : -n_del;
+  }
+}
+
+// Small trees, mostly one of few updates applied on one of many or the other way round: the
+// inserts of a run take the leaf of the one before as a hint (pdt_model_test.cc applies large
+// trees).
+TEST(PdtMerge, ApplyingATreeEqualsMakingItsUpdatesOneByOne) {
+  pdt_debug_checks = 0;
+  for (int seed = 0; seed < 30 && !HasFailure(); seed++) {
+    std::mt19937_64 rng(seed);
+    const uint32_t fan_out = seed % 2 ? 3 : PDT_DEFAULT_FAN_OUT;
+    ut::Tree dst(fan_out, 4), src(fan_out, 4), all(fan_out, 4);
+    int64_t size = 5000;
+    random_updates(rng, 40 * seed, &size, {&dst, &all});
+    random_updates(rng, 40 * (30 - seed), &size, {&src, &all});
+    const int64_t held = dst.vs()->n_inserts[0];
+    ASSERT_EQ(dst.t->ops.apply_other_pdt(dst.t, src.t, seed % 3 == 0), 0);
+    std::string why, why_all;
+    ASSERT_TRUE(pdt_check(dst.t, PDT_CHECK_SEPARATORS, &why)) << why << " seed " << seed;
+    EXPECT_EQ(ut::image(dst.t, 5000, &why), ut::image(all.t, 5000, &why_all)) << "seed " << seed;
+    EXPECT_EQ(dst.vs()->n_inserts[0], held + src.vs()->n_inserts[0]);
+  }
+  pdt_debug_checks = 1;
+}
+
+TEST(PdtMerge, OutOfMemoryEndsTheApplyWithItsMessage) {
+  ut::Tree dst, src;
+  pdt_debug_checks = 0;
+  for (int64_t i = 0; i < 100000; i++) pdt_add_insert(src.t, i, src.tuple(i, "v"), nullptr, nullptr, 0);
+  longjmp_env env;
+  longjmp_env_init(&env, dst.mem);
+  longjmp_env* penv = &env;
+  for (MemContext* m : {dst.t->mem, dst.vs()->mem}) mem_context_set_exception_env(m, &penv);
+  int rc = 0;
+  px_fault_arm(1, ENOMEM, PX_FAULT_FAIL, true);
+  const std::string err = j480test::err_of([&] { rc = dst.t->ops.apply_other_pdt(dst.t, src.t, 0); });
+  px_fault_disarm();
+  EXPECT_EQ(rc, -1);
+  EXPECT_NE(err.find("ERROR:PDT:pdt_apply_other_pdt: out of memory\n"), std::string::npos) << err;
+  for (MemContext* m : {dst.t->mem, dst.vs()->mem}) mem_context_set_exception_env(m, nullptr);
+  longjmp_env_destroy(&env);
+  pdt_debug_checks = 1;
+}
+
+TEST(PdtMerge, KeyRangeIsTheRunOfEqualKeysAmongTheInsertsAtASid) {
+  ut::Tree tree(3, 4);
+  const uint32_t key[1] = {0};
+  tree.t->key_cols = key;
+  tree.t->n_key_cols = 1;
+  // Keys 10, 20, 20, 30 stand before stable row 7, at RIDs 7 to 10.
+  for (int64_t k : {10, 20, 20, 30})
+    pdt_add_insert(tree.t, k == 10 ? 7 : k == 20 ? 8 : 10, tree.tuple(k, "k"), nullptr, nullptr, 0);
+  const int64_t cases[][4] = {{7, 20, 8, 10}, {7, 5, 7, 7}, {7, 30, 10, 11}, {7, 99, 11, 11}, {3, 20, 3, 3}, {9, 1, 13, 13}};
+  for (const auto& c : cases) {
+    const void* vals[1] = {&c[1]};
+    int64_t lo, hi;
+    ASSERT_EQ(tree.t->ops.find_key_rid_range(tree.t, c[0], vals, &lo, &hi), 0);
+    EXPECT_EQ(std::make_pair(lo, hi), std::make_pair(c[2], c[3])) << c[0] << "/" << c[1];
+  }
+}
+
+TEST(PdtMerge, DumpPrintsEveryLeafWithItsEntries) {
+  ut::Tree tree(PDT_DEFAULT_FAN_OUT, 4);
+  pdt* t = tree.t;
+  pdt_add_insert(t, 2, tree.tuple(5, "ab"), nullptr, nullptr, 0);
+  pdt_add_modify(t, 4, tree.modify(1, 0, "zz"), 1);
+  pdt_add_delete(t, 6, 3, -1);
+  EXPECT_EQ(j480test::out_of([&] { t->ops.dump(t, 1); }),
+            "# LEAF NODE 0:\n"
+            "     sid (     rid) type      hdr   offset   values\n"
+            "       2 (       2)    1        0        0   5,ab,0\n"
+            "       3 (       4)    0        1        0       zz\n"
+            "       5 (       6)   -1        2        0\n"
+            "\n");
 }
 
 }  // namespace

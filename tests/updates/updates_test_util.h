@@ -1,7 +1,6 @@
 // Shared by the update tests: the kernel registries, a three-column schema (slng, str and one
-// increment column), the table image of a tree (stable rows merged with the leaf chain), a plain
-// reference image, a reader of the serial form, and recorded random updates that can be made
-// again on another tree.
+// increment column), the table image of a tree (stable rows merged with the leaf chain) and the
+// serial form built from its parts.
 #ifndef J480_TESTS_UPDATES_TEST_UTIL_H
 #define J480_TESTS_UPDATES_TEST_UTIL_H
 
@@ -10,7 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <deque>
-#include <random>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -60,7 +59,7 @@ struct Tree {
 };
 
 // One item of a table image: a run of untouched stable rows [a, b), or one row with values.
-// Texts point into the value space, the reader's copy, or the test's own pool.
+// Texts point into the value space or the test's own pool.
 struct Item {
   int kind;  // 0 run, 1 stable row with modifies, 2 inserted row
   int64_t a, b;
@@ -72,6 +71,9 @@ struct Item {
            inc == o.inc;
   }
 };
+inline void PrintTo(const Item& i, std::ostream* os) {
+  *os << i.kind << "[" << i.a << "," << i.b << ") " << i.v0 << " " << i.v1 << " " << i.inc;
+}
 // The texts of stable rows: "s<sid>".
 inline const char* stable_text(int64_t sid) {
   static std::deque<std::string> names;  // texts never move
@@ -79,10 +81,6 @@ inline const char* stable_text(int64_t sid) {
   return names[size_t(sid)].c_str();
 }
 inline Item stable_row(int64_t sid) { return {1, sid, sid + 1, sid * 7 + 1, stable_text(sid), 0}; }
-inline std::string show(const Item& i) {
-  return std::to_string(i.kind) + "[" + std::to_string(i.a) + "," + std::to_string(i.b) + ") " +
-         std::to_string(i.v0) + " " + i.v1 + " " + std::to_string(i.inc);
-}
 
 // Appends stable rows [from, to) as a run, merging with a run that ends at `from`.
 inline void add_run(std::vector<Item>* img, int64_t from, int64_t to) {
@@ -110,126 +108,41 @@ inline std::vector<Entry> chain_entries(const pdt* t) {
   return out;
 }
 
-// Column arrays as a reader sees them: inserts and modifies of the slng columns 0 and 2, and
-// of the str column 1.
-struct Values {
-  const int64_t* ins[3] = {};
-  const int64_t* mod[3] = {};
-  const char* const* ins_s = nullptr;
-  const char* const* mod_s = nullptr;
-};
-inline Values values_of(const value_space* vs) {
-  Values v;
-  for (int c : {0, 2}) {
-    v.ins[c] = reinterpret_cast<const int64_t*>(vs->inserts[c]);
-    v.mod[c] = reinterpret_cast<const int64_t*>(vs->modifies[c]);
-  }
-  v.ins_s = reinterpret_cast<const char* const*>(vs->inserts[1]);
-  v.mod_s = reinterpret_cast<const char* const*>(vs->modifies[1]);
-  return v;
-}
-
-// The table image over `n_stable` rows; a fault of order makes `why` non-empty.
-inline std::vector<Item> image(const std::vector<Entry>& es, const Values& v, int64_t n_stable,
-                               std::string* why) {
+// The table image of a tree over `n_stable` rows; a fault of order makes `why` non-empty.
+inline std::vector<Item> image(const pdt* t, int64_t n_stable, std::string* why) {
+  const value_space* vs = t->value_space;
+  auto lng = [](void* col, uint32_t i) { return static_cast<const int64_t*>(col)[i]; };
+  auto str = [](void* col, uint32_t i) { return static_cast<const char* const*>(col)[i]; };
   std::vector<Item> img;
   int64_t s = 0;
-  for (const Entry& e : es) {
+  for (const Entry& e : chain_entries(t)) {
     const int64_t sid = USID(e.def);
-    const uint32_t hdr = PDT_HDR(e.def);
-    const bool same_row = PDT_TYPE(e.def) == PDT_MODIFY && !img.empty() && img.back().kind == 1 &&
-                          img.back().a == sid;
+    const uint32_t hdr = PDT_HDR(e.def), type = PDT_TYPE(e.def);
+    const bool same_row =
+        type == PDT_MODIFY && !img.empty() && img.back().kind == 1 && img.back().a == sid;
     if (!same_row && sid < s) {
       *why = "entry behind its stable row at SID " + std::to_string(sid);
       return img;
     }
-    if (PDT_TYPE(e.def) == PDT_MODIFY) {
+    if (type == PDT_MODIFY) {
       if (!same_row) {
         add_run(&img, s, sid);
         img.push_back(stable_row(sid));
         s = sid + 1;
       }
-      if (hdr == 0) img.back().v0 = v.mod[0][e.offset];
-      if (hdr == 1) img.back().v1 = v.mod_s[e.offset];
-      if (hdr == kIncCol) img.back().inc += v.mod[2][e.offset];
+      if (hdr == 0) img.back().v0 = lng(vs->modifies[0], e.offset);
+      if (hdr == 1) img.back().v1 = str(vs->modifies[1], e.offset);
+      if (hdr == kIncCol) img.back().inc += lng(vs->modifies[2], e.offset);
       continue;
     }
     add_run(&img, s, sid);
-    s = sid;
-    if (PDT_TYPE(e.def) == PDT_DELETE) {
-      s = sid + hdr + 1;
-    } else {
-      img.push_back({2, -1, -1, v.ins[0][e.offset], v.ins_s[e.offset], v.ins[2][e.offset]});
-    }
+    s = type == PDT_DELETE ? sid + hdr + 1 : sid;
+    if (type == PDT_INSERT)
+      img.push_back({2, -1, -1, lng(vs->inserts[0], e.offset), str(vs->inserts[1], e.offset),
+                     lng(vs->inserts[2], e.offset)});
   }
   add_run(&img, s, n_stable);
   return img;
-}
-
-inline std::vector<Item> tree_image(const pdt* t, int64_t n_stable, std::string* why) {
-  return image(chain_entries(t), values_of(t->value_space), n_stable, why);
-}
-
-// Reads a serialised tree of this schema back: header, values and entries.
-struct Serial {
-  uint32_t fan_out, num_nodes;
-  int64_t vs_size, n_entries;
-  std::vector<int64_t> ins[3], mod[3];
-  std::vector<std::string> ins_s, mod_s;
-  std::vector<const char*> ins_p, mod_p;
-  Values v;
-  std::vector<Entry> entries;
-};
-inline Serial read_serial(const std::string& buf) {
-  Serial s{};
-  const char* p = buf.data();
-  memcpy(&s.fan_out, p, 4);
-  memcpy(&s.num_nodes, p + 4, 4);
-  memcpy(&s.vs_size, p + 8, 8);
-  memcpy(&s.n_entries, p + 16, 8);
-  const char* vs = p + 24;
-  uint32_t ni[3], nm[3];
-  memcpy(ni, vs, 12);
-  memcpy(nm, vs + 12, 12);
-  const char* fixed = vs + 24;
-  const char* var = fixed;
-  for (int c = 0; c < 3; c++) var += (ni[c] + nm[c]) * (c == 1 ? 4 : 8);
-  for (int c = 0; c < 3; c++) {
-    for (int kind = 0; kind < 2; kind++) {
-      const uint32_t n = kind == 0 ? ni[c] : nm[c];
-      for (uint32_t i = 0; i < n; i++) {
-        if (c == 1) {
-          uint32_t len;
-          memcpy(&len, fixed, 4);
-          fixed += 4;
-          (kind == 0 ? s.ins_s : s.mod_s).push_back(std::string(var, len - 1));
-          var += len;
-        } else {
-          int64_t x;
-          memcpy(&x, fixed, 8);
-          fixed += 8;
-          (kind == 0 ? s.ins[c] : s.mod[c]).push_back(x);
-        }
-      }
-    }
-  }
-  EXPECT_EQ(var - vs, s.vs_size);
-  for (const std::string& x : s.ins_s) s.ins_p.push_back(x.c_str());
-  for (const std::string& x : s.mod_s) s.mod_p.push_back(x.c_str());
-  for (int c : {0, 2}) {
-    s.v.ins[c] = s.ins[c].data();
-    s.v.mod[c] = s.mod[c].data();
-  }
-  s.v.ins_s = s.ins_p.data();
-  s.v.mod_s = s.mod_p.data();
-  for (int64_t i = 0; i < s.n_entries; i++) {
-    Entry e;
-    memcpy(&e.def, var + 12 * i, 8);
-    memcpy(&e.offset, var + 12 * i + 8, 4);
-    s.entries.push_back(e);
-  }
-  EXPECT_EQ(int64_t(buf.size()), 24 + s.vs_size + 12 * s.n_entries);
-  return s;
 }
 
 inline std::string serialize(const pdt* t) {
@@ -237,39 +150,17 @@ inline std::string serialize(const pdt* t) {
   EXPECT_EQ(pdt_serialize(t, buf.data(), int64_t(buf.size())), 0);
   return buf;
 }
-
-// Random updates over an image of `*size` rows (slng and str modifies, increments, inserts and
-// short deletes), recorded so that they can be made again on another tree.
-struct Op {
-  int kind;  // 0 insert, 1 modify, 2 increment, 3 delete
-  int64_t rid, n;
-  uint16_t col;
-  int64_t v0;
-  std::string v1;
-};
-inline std::vector<Op> random_ops(std::mt19937_64& rng, int n, int64_t* size) {
-  auto rnd = [&](int64_t k) { return k <= 0 ? 0 : int64_t(rng() % uint64_t(k)); };
-  std::vector<Op> ops;
-  for (int k = 0; k < n; k++) {
-    const int r = int(rnd(100));
-    Op op{0, rnd(*size + 1), 1, uint16_t(rnd(2)), int64_t(rng() % 100000), "x" + std::to_string(rnd(1000))};
-    if (r >= 35 && op.rid == *size) continue;
-    op.kind = r < 35 ? 0 : r < 60 ? 1 : r < 72 ? 2 : 3;
-    if (op.kind == 2) op.v0 = rnd(201) - 100;
-    if (op.kind == 3) op.n = std::min<int64_t>(1 + rnd(rnd(5) == 0 ? 100 : 3), *size - op.rid);
-    *size += op.kind == 0 ? 1 : op.kind == 3 ? -op.n : 0;
-    ops.push_back(op);
-  }
-  return ops;
-}
-inline void make(Tree* tree, const std::vector<Op>& ops) {
-  pdt* t = tree->t;
-  for (const Op& op : ops) {
-    if (op.kind == 0) pdt_add_insert(t, op.rid, tree->tuple(op.v0, op.v1.c_str()), nullptr, nullptr, 0);
-    if (op.kind == 1) pdt_add_modify(t, op.rid, tree->modify(op.col, op.v0, op.v1.c_str()), op.col);
-    if (op.kind == 2) pdt_add_increment(t, op.rid, kIncCol, op.v0);
-    if (op.kind == 3) pdt_add_delete(t, op.rid, op.n, -1);
-  }
+// The serial form from its parts: fan-out, nodes, value space size and entry count, the value
+// space's own serial form, then the chain's entries as (def, offset).
+inline std::string expected_serial(const pdt* t) {
+  std::string vs(size_t(value_space_serialized_size(t->value_space)), '\0');
+  value_space_serialize(t->value_space, vs.data(), int64_t(vs.size()));
+  auto raw = [](const auto& v) { return std::string(reinterpret_cast<const char*>(&v), sizeof v); };
+  const std::vector<Entry> es = chain_entries(t);
+  std::string out = raw(t->fan_out) + raw(t->num_nodes) + raw(int64_t(vs.size())) +
+                    raw(int64_t(es.size())) + vs;
+  for (const Entry& e : es) out += raw(e.def) + raw(e.offset);
+  return out;
 }
 
 }  // namespace ut

@@ -64,125 +64,94 @@ TEST(CommandLine, VersionPrintsArgv0AndVersionAndExitsZeroAfterTheBanner) {
   EXPECT_EQ(split_lines(named.out)[0], argv0);
 }
 
-TEST(CommandLine, VersionAfterValidOptionsWinsWhateverFollows) {
-  RunResult r = run({"--dbfarm", "/nowhere", "--dumplog", "--version", "--bogus", "--dbname"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(split_lines(r.out).size(), 2u);
-  EXPECT_EQ(split_lines(r.err), std::vector<std::string>{banner()});
-}
-
-TEST(CommandLine, UnknownOptionOrMissingValuePrintsUsageAndReturnsMinusOneWithoutTail) {
-  const std::vector<std::vector<std::string>> cases = {
-      {"--help"},
-      {"-h"},
-      {"--dbfarm=/x"},
-      {"--DBFARM", "/x"},
-      {"--dbfarm"},
-      {"--dbname", "db", "--dbfarm"},
-      {"--dbname"},
-      {"--bogus", "--version"},  // --version after an unknown option is never reached
-      {""},
-  };
-  for (const auto& args : cases) {
-    RunResult r = run(args);
-    SCOPED_TRACE(args[0]);
-    EXPECT_EQ(r.status, 255);
-    EXPECT_EQ(r.out, usage_text());
-    EXPECT_EQ(split_lines(r.err), std::vector<std::string>{banner()});
-  }
-}
-
-TEST(CommandLine, MissingOrEmptyFarmOrNameEndsInTheTail) {
-  const std::vector<std::vector<std::string>> cases = {
-      {},
-      {"--dbfarm", "/x"},
-      {"--dbname", "db"},
-      {"--dbfarm", "", "--dbname", "db"},
-      {"--dbfarm", "/x", "--dbname", ""},
-      {"--dumplog"},
-  };
-  for (const auto& args : cases) {
-    RunResult r = run(args);
-    EXPECT_EQ(r.status, 255);
-    EXPECT_EQ(r.out, "");
-    std::vector<std::string> expected = {
-        banner(), "ERROR:WAL_CONVERTER:No database farm and/or name.", kTail};
-    EXPECT_EQ(split_lines(r.err), expected);
-  }
-}
-
-TEST(CommandLine, MissingCbmDirectoryNamesDatabaseThenFarm) {
+// Every way the options end a run before the database is touched: the version, the usage, a
+// missing farm or name, a farm without the database. A value is taken unseen and the last one wins.
+TEST(CommandLine, OptionsEndTheRunWithTheirOwnOutput) {
   j480test::TempDir farm;
   j480test::make_dirs(farm.file("db1"));  // the database exists, its CBM does not
-  RunResult r = run({"--dbfarm", farm.path(), "--dbname", "db1"});
-  EXPECT_EQ(r.status, 255);
-  std::vector<std::string> expected = {
-      banner(),
-      "ERROR:WAL_CONVERTER:Database 'db1' in path '" + farm.path() +
-          "' does not exist or is invalid. Aborting.",
-      kTail};
-  EXPECT_EQ(split_lines(r.err), expected);
-}
-
-TEST(CommandLine, RepeatedOptionsTakeTheLastValueAndValuesAreTakenUnseen) {
-  RunResult r = run({"--dbfarm", "/a", "--dbname", "x", "--dbfarm", "/b", "--dbname", "y"});
-  EXPECT_NE(r.err.find("Database 'y' in path '/b' does not exist"), std::string::npos) << r.err;
-
-  // "--dumplog" is the farm here, not the flag; the farm is still checked.
-  r = run({"--dbfarm", "--dumplog", "--dbname", "--version"});
-  EXPECT_EQ(r.status, 255);
-  EXPECT_NE(r.err.find("Database '--version' in path '--dumplog' does not exist"),
-            std::string::npos)
-      << r.err;
-}
-
-TEST(RunSequence, AnEmptyCatalogIsNotConvertedAndLeavesFilesAlone) {
-  j480test::TempDir farm;
-  std::string cbm = farm.file("db/CBM");
-  j480test::make_dirs(cbm);
-  j480test::write_file(cbm + "/LOG", std::string("\xD2\x04", 2));
-  j480test::write_file(cbm + "/location_map", "");
-  RunResult r = run({"--dbname", "db", "--dbfarm", farm.path()});
-  EXPECT_EQ(r.status, 255);
-  std::vector<std::string> lines = split_lines(r.err);
-  ASSERT_GE(lines.size(), 4u);
-  EXPECT_EQ(lines[0], banner());
-  EXPECT_EQ(lines[1], "#WAL_CONVERTER:Converting WAL for database 'db' in '" + farm.path() + "'");
-  const std::vector<std::string> last = {"# WARN:LOGGER:Empty catalog, not converting.",
-                                         "ERROR:WAL_CONVERTER:Failed writing 2.5 WAL", kTail};
-  EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()), last);
-  EXPECT_EQ(j480test::read_file(cbm + "/LOG"), std::string("\xD2\x04", 2));
-  EXPECT_FALSE(j480test::exists(cbm + "/LOG.new"));
-  EXPECT_FALSE(j480test::exists(cbm + "/LOG.j480_20"));
-}
-
-TEST(CommandLine, RandomArgumentListsNeverCrashAndEndWithAKnownOutcome) {
-  j480test::TempDir farm;
-  j480test::make_dirs(farm.file("db/CBM"));
-  const std::vector<std::string> words = {"--dbfarm", "--dbname", "--dumplog", "--version",
-                                          "",         "db",       farm.path(), "-",
-                                          "--",       "--dbfarm=x", std::string(5000, 'a'),
-                                          "\xff\xfe", "%s%n%x",   "/dev/null"};
-  uint64_t state = 12345;
-  auto next = [&] {
-    state = state * 6364136223846793005ULL + 1442695040888963407ULL;
-    return static_cast<size_t>(state >> 33);
+  const std::string usage = usage_text(), version = kBin + "\n" + version_text() + "\n";
+  const std::vector<std::string> alone = {banner()};
+  auto failed = [](const std::string& why) {
+    return std::vector<std::string>{banner(), "ERROR:WAL_CONVERTER:" + why, kTail};
   };
-  for (int iteration = 0; iteration < 150; iteration++) {
+  auto missing = [&](const std::string& name, const std::string& dbfarm) {
+    return failed("Database '" + name + "' in path '" + dbfarm +
+                  "' does not exist or is invalid. Aborting.");
+  };
+  const std::vector<std::string> no_farm = failed("No database farm and/or name.");
+  const struct {
     std::vector<std::string> args;
-    size_t n = next() % 6;
-    for (size_t i = 0; i < n; i++) args.push_back(words[next() % words.size()]);
+    int status;
+    std::string out;
+    std::vector<std::string> err;
+  } cases[] = {
+      {{"--dbfarm", "/nowhere", "--dumplog", "--version", "--bogus", "--dbname"}, 0, version, alone},
+      {{"--help"}, 255, usage, alone},
+      {{"-h"}, 255, usage, alone},
+      {{"--dbfarm=/x"}, 255, usage, alone},
+      {{"--DBFARM", "/x"}, 255, usage, alone},
+      {{"--dbfarm"}, 255, usage, alone},
+      {{"--dbname", "db", "--dbfarm"}, 255, usage, alone},
+      {{"--dbname"}, 255, usage, alone},
+      {{"--bogus", "--version"}, 255, usage, alone},  // --version is never reached
+      {{""}, 255, usage, alone},
+      {{}, 255, "", no_farm},
+      {{"--dbfarm", "/x"}, 255, "", no_farm},
+      {{"--dbname", "db"}, 255, "", no_farm},
+      {{"--dbfarm", "", "--dbname", "db"}, 255, "", no_farm},
+      {{"--dbfarm", "/x", "--dbname", ""}, 255, "", no_farm},
+      {{"--dumplog"}, 255, "", no_farm},
+      {{"--dbfarm", farm.path(), "--dbname", "db1"}, 255, "", missing("db1", farm.path())},
+      {{"--dbfarm", "/a", "--dbname", "x", "--dbfarm", "/b", "--dbname", "y"}, 255, "",
+       missing("y", "/b")},
+      {{"--dbfarm", "--dumplog", "--dbname", "--version"}, 255, "", missing("--version", "--dumplog")},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    RunResult r = run(c.args);
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.out, c.out);
+    EXPECT_EQ(split_lines(r.err), c.err);
+  }
+}
+
+// Runs that fail a stage: the last lines say why, the log stays as it was, nothing is dumped
+// where the dump refuses the log.
+TEST(RunSequence, AFailedStageSaysWhyAndLeavesTheLogAlone) {
+  const struct {
+    std::string log;
+    bool dumplog;
+    std::vector<std::string> last;
+  } cases[] = {
+      {std::string("\xD2\x04", 2), false,
+       {"# WARN:LOGGER:Empty catalog, not converting.", "ERROR:WAL_CONVERTER:Failed writing 2.5 WAL",
+        kTail}},
+      // tr_new 7, cat_location_del 9, tr_end 7
+      {j480test::LogBytes().head().i32(0).lng(7).i32(29).lng(9).i32(1).lng(7).bytes(), false,
+       {"ERROR:CBM:failed to replay drop location: no such location_id 9",
+        "ERROR:WAL_CONVERTER:Failed replaying 2.0 WAL", kTail}},
+      {j480test::LogBytes().head(0x435257414C000001LL).bytes(), true,  // format 2.5
+       {"ERROR:LOGGER:Incompatible database version detected, database already converted.", kTail}},
+  };
+  for (const auto& c : cases) {
+    j480test::TempDir farm;
+    std::string cbm = farm.file("db/CBM");
+    j480test::make_dirs(cbm);
+    j480test::write_file(cbm + "/LOG", c.log);
+    j480test::write_file(cbm + "/location_map", "");
+    std::vector<std::string> args = {"--dbname", "db", "--dbfarm", farm.path()};
+    if (c.dumplog) args.push_back("--dumplog");
     RunResult r = run(args);
-    SCOPED_TRACE(iteration);
-    ASSERT_TRUE(r.status == 0 || r.status == 255) << r.status << "\n" << r.err;
+    SCOPED_TRACE(c.last[0]);
+    EXPECT_EQ(r.status, 255);
     std::vector<std::string> lines = split_lines(r.err);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines[0].rfind("#WAL_CONVERTER:J480 WAL 2.0 converter version ", 0), 0u);
-    // Every run either stops at the parse (no tail) or passes the tail exactly once.
-    size_t tails = 0;
-    for (const auto& l : lines) tails += l == kTail;
-    bool stopped_at_parse = r.status == 0 || r.out.rfind("J480 WAL 2.0 converter\n", 0) == 0;
-    EXPECT_EQ(tails, stopped_at_parse ? 0u : 1u);
+    ASSERT_GE(lines.size(), 2 + c.last.size());
+    EXPECT_EQ(lines[0], banner());
+    EXPECT_EQ(lines[1], "#WAL_CONVERTER:Converting WAL for database 'db' in '" + farm.path() + "'");
+    EXPECT_EQ(std::vector<std::string>(lines.end() - c.last.size(), lines.end()), c.last);
+    EXPECT_EQ(j480test::read_file(cbm + "/LOG"), c.log);
+    for (const char* name : {"/LOG.new", "/LOG.j480_20", "/_LOG_XML_20"})
+      EXPECT_FALSE(j480test::exists(cbm + name)) << name;
   }
 }
 
@@ -213,42 +182,6 @@ TEST(RunSequence, DumplogWritesTheOldLogAsXmlBeforeTheReplay) {
     EXPECT_NE(r.err.find("ERROR:WAL_CONVERTER:Failed writing 2.5 WAL"), std::string::npos);
     EXPECT_EQ(j480test::read_file(cbm + "/LOG"), log.bytes());
   }
-}
-
-TEST(RunSequence, AReplayThatFailsSaysWhyThenThatTheReplayFailed) {
-  j480test::TempDir farm;
-  std::string cbm = farm.file("db/CBM");
-  j480test::make_dirs(cbm);
-  j480test::LogBytes log;
-  log.head().i32(0).lng(7).i32(29).lng(9).i32(1).lng(7);  // tr_new 7, cat_location_del 9, tr_end 7
-  j480test::write_file(cbm + "/LOG", log.bytes());
-  RunResult r = run({"--dbfarm", farm.path(), "--dbname", "db"});
-  EXPECT_EQ(r.status, 255);
-  std::vector<std::string> lines = split_lines(r.err);
-  ASSERT_GE(lines.size(), 3u);
-  const std::vector<std::string> last = {
-      "ERROR:CBM:failed to replay drop location: no such location_id 9",
-      "ERROR:WAL_CONVERTER:Failed replaying 2.0 WAL", kTail};
-  EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()), last);
-  EXPECT_EQ(j480test::read_file(cbm + "/LOG"), log.bytes());
-}
-
-TEST(RunSequence, DumplogOfAnAlreadyConvertedLogStopsWithTheVersionMessage) {
-  j480test::TempDir farm;
-  std::string cbm = farm.file("db/CBM");
-  j480test::make_dirs(cbm);
-  j480test::LogBytes log;
-  log.head(0x435257414C000001LL);  // format 2.5
-  j480test::write_file(cbm + "/LOG", log.bytes());
-  RunResult r = run({"--dbfarm", farm.path(), "--dbname", "db", "--dumplog"});
-  EXPECT_EQ(r.status, 255);
-  std::vector<std::string> lines = split_lines(r.err);
-  ASSERT_GE(lines.size(), 2u);
-  EXPECT_EQ(lines[lines.size() - 2],
-            "ERROR:LOGGER:Incompatible database version detected, database already converted.");
-  EXPECT_EQ(lines.back(), kTail);
-  EXPECT_EQ(r.err.find("Failed replaying 2.0 WAL"), std::string::npos);
-  EXPECT_FALSE(j480test::exists(cbm + "/_LOG_XML_20"));
 }
 
 TEST(RunSequence, AFailedOrKilledSystemCallAnywhereEndsCleanlyAndLeavesTheDatabaseAlone) {

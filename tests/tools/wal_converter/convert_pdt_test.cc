@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "bm/logger.h"
+#include "expected25.h"
 #include "support/test_support.h"
 #include "tools/wal_converter/bc20_value_space.h"
 #include "updates/updates_test_util.h"
@@ -67,13 +68,7 @@ std::map<int64_t, std::string> payloads_of(const std::string& path) {
   return out;
 }
 
-std::string hex(const char* p, size_t n) {
-  std::string out;
-  char b[3];
-  for (size_t i = 0; i < n; i++)
-    out.append(b, size_t(snprintf(b, sizeof b, "%02x", uint8_t(p[i]))));
-  return out;
-}
+std::string hex(const void* p, size_t n) { return j480test::hex(p, n).substr(1); }
 
 // The image lines of a payload in today's form, replayed into an empty tree over `w.stable` rows.
 // Every column is replayed as a table column of its type: in an empty tree an increment stands
