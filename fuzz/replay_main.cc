@@ -4,12 +4,10 @@
 // Exits 0 when every input has run and at least one was found, 1 otherwise; a fault in the target
 // ends the process as it would under the engine. Used by the tests on the seed corpora and to
 // rerun a crash input in an ordinary debugger.
-#include <dirent.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -18,38 +16,24 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
 
-namespace {
-
-// A file, or every regular file of a directory in name order.
-void collect(const std::string& arg, std::vector<std::string>* files) {
-  struct stat st;
-  DIR* d = stat(arg.c_str(), &st) == 0 && S_ISDIR(st.st_mode) ? opendir(arg.c_str()) : nullptr;
-  if (d == nullptr) {
-    files->push_back(arg);
-    return;
-  }
-  std::vector<std::string> names;
-  while (dirent* e = readdir(d)) {
-    std::string path = arg + "/" + e->d_name;
-    if (e->d_name[0] != '.' && stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode))
-      names.push_back(path);
-  }
-  closedir(d);
-  std::sort(names.begin(), names.end());
-  files->insert(files->end(), names.begin(), names.end());
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
+  namespace fs = std::filesystem;
   if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
-  std::vector<std::string> files;
+  std::vector<fs::path> files;
   for (int i = 1; i < argc; i++) {
     if (argv[i][0] == '-') continue;  // engine options, as in a fuzzer's command line
-    collect(argv[i], &files);
+    std::error_code ec;
+    if (!fs::is_directory(argv[i], ec)) {
+      files.emplace_back(argv[i]);
+      continue;
+    }
+    std::vector<fs::path> names;
+    for (const fs::directory_entry& e : fs::directory_iterator(argv[i], ec))
+      if (e.is_regular_file(ec) && e.path().filename().c_str()[0] != '.') names.push_back(e.path());
+    std::sort(names.begin(), names.end());
+    files.insert(files.end(), names.begin(), names.end());
   }
-  int ran = 0;
-  for (const std::string& path : files) {
+  for (const fs::path& path : files) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
       fprintf(stderr, "replay: can't read %s\n", path.c_str());
@@ -58,8 +42,7 @@ int main(int argc, char** argv) {
     std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
                                std::istreambuf_iterator<char>());
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
-    ran++;
   }
-  fprintf(stderr, "replay: %d inputs\n", ran);
-  return ran > 0 ? 0 : 1;
+  fprintf(stderr, "replay: %zu inputs\n", files.size());
+  return files.empty() ? 1 : 0;
 }

@@ -59,25 +59,6 @@ bool exists(const std::string& path) {
 
 void make_dirs(const std::string& path) { std::filesystem::create_directories(path); }
 
-void cut_file(const std::string& path, uint64_t length) {
-  if (truncate(path.c_str(), static_cast<off_t>(length)) != 0)
-    throw std::runtime_error("cannot cut " + path);
-}
-
-void set_byte(const std::string& path, uint64_t offset, uint8_t value) {
-  std::string bytes = read_file(path);
-  if (offset >= bytes.size()) throw std::runtime_error("offset past end of " + path);
-  bytes[offset] = static_cast<char>(value);
-  write_file(path, bytes);
-}
-
-void flip_byte(const std::string& path, uint64_t offset, uint8_t mask) {
-  std::string bytes = read_file(path);
-  if (offset >= bytes.size()) throw std::runtime_error("offset past end of " + path);
-  bytes[offset] = static_cast<char>(static_cast<uint8_t>(bytes[offset]) ^ mask);
-  write_file(path, bytes);
-}
-
 std::string Esc(const std::string& text) {
   std::string out;
   for (char c : text) {

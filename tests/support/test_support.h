@@ -1,9 +1,9 @@
 // test_support: helpers shared by every test suite.
 //
-// A temporary directory per test, whole-file read and write, byte surgery on files (cut, set,
-// flip), a runner that executes a built binary with a clean environment and returns its
-// standard output, standard error and exit value, and a logger in a known state with its console
-// output captured. The fault switch of the system-call seam is in utils/posix.h (px_fault_arm).
+// A temporary directory per test, whole-file read and write, a runner that executes a built
+// binary with a clean environment and returns its standard output, standard error and exit
+// value, and a logger in a known state with its console output captured. The fault switch of the
+// system-call seam is in utils/posix.h (px_fault_arm).
 #ifndef J480_TESTS_SUPPORT_TEST_SUPPORT_H
 #define J480_TESTS_SUPPORT_TEST_SUPPORT_H
 
@@ -34,11 +34,6 @@ std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 bool exists(const std::string& path);
 void make_dirs(const std::string& path);
-
-// Byte surgery on a file.
-void cut_file(const std::string& path, uint64_t length);
-void set_byte(const std::string& path, uint64_t offset, uint8_t value);
-void flip_byte(const std::string& path, uint64_t offset, uint8_t mask = 0xFF);
 
 // A literal text as a death-test pattern: every regular-expression metacharacter escaped.
 std::string Esc(const std::string& text);
