@@ -1,5 +1,5 @@
-// The 2.0 log writer: a buffer that turns over, failed writes, and the location map. Records of every kind in both byte
-// orders are read by the whole-tool tests.
+// The 2.0 log writer: a buffer that turns over, failed writes, and the location map. Records of
+// every kind in both byte orders are read by the whole-tool tests.
 #include <gtest/gtest.h>
 
 #include <cerrno>
