@@ -258,7 +258,8 @@ TEST_F(IobmTest, DeathTest) {
   EXPECT_DEATH(iobm_find_block(bm_, 9, 0), Esc("assertion \"cs_file\" failed"));
   EXPECT_DEATH(scolumn_create(nullptr, cs_, 1, 1, 3), Esc("assertion \"bm && cs\" failed"));
   scolumn* scol = scolumn_create(bm_, cs_, 1, 1, 3);
-  EXPECT_DEATH(scolumn_add_block(scol, nullptr, nullptr, nullptr), Esc("assertion \"block\" failed"));
+  EXPECT_DEATH(scolumn_add_block(scol, nullptr, nullptr, nullptr),
+               Esc("assertion \"block\" failed"));
   iob* b = block(scol, 0, 1);
   b->refcnt = 0;
   EXPECT_DEATH(iob_unref(b), Esc("assertion \"b->refcnt > 0\" failed"));
@@ -404,7 +405,9 @@ TEST(ColumnspaceDeathTest, ProgrammingErrorsAreAssertions) {
       {1, "CODE: cs->num_files == 0\nERROR:CBM:MESG: cs->num_files = 1",
        [](columnspace* cs, cs_file*) { columnspace_destroy(cs); }},
       {1, "assertion \"cs_file->refcnt == 0\" failed",
-       [](columnspace* cs, cs_file*) { columnspace_set_default_file(cs, 0), columnspace_destroy(cs); }},
+       [](columnspace* cs, cs_file*) {
+         columnspace_set_default_file(cs, 0), columnspace_destroy(cs);
+       }},
       {0, "assertion \"cs_file\" failed", [](columnspace* cs, cs_file*) { mark(cs, 5, 1, 0); }},
       {0,
        "CODE: !columnspace_file_block_is_free(cs_file, nr)\nERROR:CBM:MESG: location_id=0, "

@@ -277,7 +277,8 @@ TEST_F(Logger25, DumpMatchesTheTableLineByLine) {
   std::string err = err_of([&] { rc = bm_logger_print_in(s, tmp_.path().c_str()); });
   stream_close_destroy(s);
   EXPECT_EQ(rc, 0);
-  std::string want = "<wal base_version=\"4851035686591004672\" cur_version=\"1\">\n<tr trid=\"0\">\n";
+  std::string want =
+      "<wal base_version=\"4851035686591004672\" cur_version=\"1\">\n<tr trid=\"0\">\n";
   for (const Kind& k : kinds()) want += k.xml.empty() ? "" : k.xml + "\n";
   want += "</tr trid=\"0\">\n</wal>\n";
   EXPECT_EQ(j480test::read_file(tmp_.file("_LOG_XML")), want);
@@ -292,12 +293,14 @@ TEST_F(Logger25, CutsBadFieldsAndBracketsAreRefusedWithTheirTexts) {
   const int64_t huge = int64_t{1} << 62;
   auto L = [] { return LogBytes(); };
   const std::string tr = L().i32(0).lng(1).bytes(), end = L().i32(1).lng(1).bytes();
-  std::vector<std::pair<std::string, std::string>> cases = {  // error "": a transaction read whole
+  std::vector<std::pair<std::string, std::string>> cases = {
+      // error "": a transaction read whole
       {tr + L().i32(7).lng(1).str(n511).i32(0).i32(0).i32(0).lng(0).bytes() + end, ""},
       {tr + L().i32(7).lng(1).str(n512).i32(0).i32(0).i32(0).lng(0).bytes(),
        "incorrect cat_column_new\n"},
       {tr + L().i32(9).lng(1).str(n512).i32(0).lng(0).lng(0).bytes(), "incorrect cat_index_new\n"},
-      {tr + L().i32(27).lng(1).str(n512).i32(0).lng(0).lng(0).lng(0).bytes(), "incorrect cat_key_new"},
+      {tr + L().i32(27).lng(1).str(n512).i32(0).lng(0).lng(0).lng(0).bytes(),
+       "incorrect cat_key_new"},
       {tr + L().i32(4).lng(1).str(n512).i32(0).bytes(), "incorrect cat_table_new\n"},
       {tr + L().i32(22).lng(1).lng(2).str(n512).bytes(), "incorrect file_new"},
       {tr + L().i32(17).lng(1).str(n512).i32(0).bytes(), "incorrect cat_location_new"},
@@ -310,25 +313,29 @@ TEST_F(Logger25, CutsBadFieldsAndBracketsAreRefusedWithTheirTexts) {
       {tr + L().i32(16).lng(1).lng(INT64_MAX).bytes(), "incorrect pdt_new"},
       {tr + L().i32(27).lng(1).str("k").i32(0).lng(0).lng(0).lng(huge).bytes(),
        "incorrect cat_key_new"},
-      {tr + L().i32(27).lng(1).str("k").i32(0).lng(0).lng(0).lng(-1).bytes(), "incorrect cat_key_new"},
+      {tr + L().i32(27).lng(1).str("k").i32(0).lng(0).lng(0).lng(-1).bytes(),
+       "incorrect cat_key_new"},
       {tr + L().i32(31).lng(1).lng(0).lng(0).lng(0).lng(huge).bytes(), "incorrect paxgroup_new"},
       {tr + L().i32(31).lng(1).lng(0).lng(0).lng(0).lng(1).i32(0).i32(999).str("").i32(0).bytes(),
        "incorrect paxgroup_new"},
-      {tr + L().i32(31).lng(1).lng(0).lng(0).lng(0).lng(1).i32(0).i32(6).i32(1 << 30).i32(0).bytes(),
+      {tr +
+           L().i32(31).lng(1).lng(0).lng(0).lng(0).lng(1).i32(0).i32(6).i32(1 << 30).i32(0).bytes(),
        "incorrect paxgroup_new"},
       {tr + L().i32(33).bytes(), "Unhandled log value 33"},
       {tr + L().i32(-1).bytes(), "Unhandled log value -1"},
       {tr + tr, "tr_new called while in transaction"},
       {end, "tr_end called while not in transaction\n"},
       {tr + L().i32(1).lng(2).bytes(), "incorrect transaction\n"},
-      {tr + L().i32(23).lng(5).bytes(), "reading transaction finished while still in open transaction"},
+      {tr + L().i32(23).lng(5).bytes(),
+       "reading transaction finished while still in open transaction"},
       // A name that reaches exactly to the end of the file is read whole.
       {tr + L().i32(22).lng(1).lng(2).str("f").bytes(),
        "reading transaction finished while still in open transaction"},
   };
   for (const Kind& k : kinds()) {
     const std::string rec = record(k, false);
-    for (size_t cut = 4; cut < rec.size(); cut++) cases.push_back({tr + rec.substr(0, cut), k.failure});
+    for (size_t cut = 4; cut < rec.size(); cut++)
+      cases.push_back({tr + rec.substr(0, cut), k.failure});
   }
   for (const auto& [records, error] : cases) {
     SCOPED_TRACE(error + " after " + std::to_string(records.size()) + " bytes");
@@ -338,7 +345,8 @@ TEST_F(Logger25, CutsBadFieldsAndBracketsAreRefusedWithTheirTexts) {
     EXPECT_EQ(read(&list, &err), 1);
     EXPECT_EQ(list == nullptr, !error.empty());
     // The logged line: texts ending in a line feed keep just that one.
-    EXPECT_EQ(err, error.empty() ? "" : "ERROR:LOGGER:" + error + (error.back() == '\n' ? "" : "\n"));
+    EXPECT_EQ(err,
+              error.empty() ? "" : "ERROR:LOGGER:" + error + (error.back() == '\n' ? "" : "\n"));
   }
 }
 
@@ -403,7 +411,8 @@ TEST_F(Logger25, CommitFailureAtEverySystemCallRewindsAndTheNextCommitOverwrites
   bm_logger_action_list* l =
       list({blk(1), blk(2), blk(3), bm_action_pdt_new(mem_, 9, const_cast<char*>("payload!"), 8)});
   std::string txn = tr(0, 0);
-  for (int64_t n = 1; n <= 3; n++) txn += LogBytes().i32(20).lng(n).lng(1).lng(n).lng(8).lng(2).bytes();
+  for (int64_t n = 1; n <= 3; n++)
+    txn += LogBytes().i32(20).lng(n).lng(1).lng(n).lng(8).lng(2).bytes();
   txn += LogBytes().i32(16).lng(9).lng(8).raw("payload!").bytes() + tr(1, 0);
   px_fault_count();
   ASSERT_EQ(commit(l), 1);
@@ -421,7 +430,8 @@ TEST_F(Logger25, CommitFailureAtEverySystemCallRewindsAndTheNextCommitOverwrites
     // fail before anything of it is written: there is nothing to seek back over.
     std::string want = "ERROR:LOGGER:bm_logger_commit: failed writing LOG\n";
     if (k > 2)
-      want += "# WARN:LOGGER:bm_logger_commit: seeking " + log_ + " to " + std::to_string(start) + "\n";
+      want +=
+          "# WARN:LOGGER:bm_logger_commit: seeking " + log_ + " to " + std::to_string(start) + "\n";
     EXPECT_EQ(err, want);
     EXPECT_EQ(position(), start);
     EXPECT_EQ(l_->state, BM_TR_END);
@@ -445,7 +455,8 @@ TEST_F(Logger25, StateAndArgumentAssertions) {
       {[&] { bm_logger_tr_end(l_, 0); }, "l->state != tr_end"},
       {[&] { bm_logger_tr_new(l_, 0), bm_logger_tr_new(l_, 1); }, "l->state == tr_end"},
       {[&] { bm_action_cs_new(mem_, 0, 4096, BM_BLK_NEW); }, "type == cs_new"},
-      {[&] { bm_action_paxgroup_file(mem_, BM_PAXGROUP_FILE_NEW, 0, 1, 1); }, "paxgroup_id && file_nr >= 0"},
+      {[&] { bm_action_paxgroup_file(mem_, BM_PAXGROUP_FILE_NEW, 0, 1, 1); },
+       "paxgroup_id && file_nr >= 0"},
       {[&] { bm_action_paxgroup_file(mem_, BM_PAXGROUP_FILE_DEL, 1, -1, 1); },
        "paxgroup_id && file_nr >= 0"},
       {[&] { action_list_append(nullptr, b); }, "list"},
@@ -466,8 +477,10 @@ TEST_F(Logger25, StateAndArgumentAssertions) {
 TEST_F(Logger25, ListsJoinAroundNullAndEmptyListsAndClear) {
   auto ids = [](const bm_logger_action_list* l) {
     std::string fwd, back;
-    for (const bm_logger_action* a = l->head; a != nullptr; a = a->next) fwd += std::to_string(a->id);
-    for (const bm_logger_action* a = l->tail; a != nullptr; a = a->prev) back += std::to_string(a->id);
+    for (const bm_logger_action* a = l->head; a != nullptr; a = a->next)
+      fwd += std::to_string(a->id);
+    for (const bm_logger_action* a = l->tail; a != nullptr; a = a->prev)
+      back += std::to_string(a->id);
     return fwd + "/" + back;
   };
   auto del = [&](int64_t id) { return bm_action_file_del(mem_, id); };
@@ -530,7 +543,8 @@ TEST_F(Logger25, KeyFilesAreCreatedVerifiedAndRefused) {
   EXPECT_EQ(verify_or_create_db_key(dir.c_str(), nullptr), 1);
   EXPECT_FALSE(j480test::exists(dir));  // an empty key doesn't look at the directory
 
-  std::string err = err_of([&] { EXPECT_EQ(verify_or_create_db_key(dir.c_str(), kKey.c_str()), 1); });
+  std::string err =
+      err_of([&] { EXPECT_EQ(verify_or_create_db_key(dir.c_str(), kKey.c_str()), 1); });
   EXPECT_EQ(err, "# WARN:LOGGER:verify_or_create_db_key_in_path: directory '" + dir +
                      "' should exist, but it doesn't. Recreating...\n");
   EXPECT_EQ(j480test::read_file(file), kKey);

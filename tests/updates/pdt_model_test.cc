@@ -130,7 +130,8 @@ void check_translations(pdt* t, int64_t size, int64_t n_stable, std::mt19937_64&
     // inserts in front of the first stable tuple not read may count or not.
     const std::vector<ut::Entry> es = ut::chain_entries(t);
     size_t at = 0;
-    for (uint32_t leaf = pdt_find_first_leaf_by_sid(t, &zero, &d0); leaf != st.leaf.idx; leaf = t->nodes[leaf][NEXT])
+    for (uint32_t leaf = pdt_find_first_leaf_by_sid(t, &zero, &d0); leaf != st.leaf.idx;
+         leaf = t->nodes[leaf][NEXT])
       at += NODE_COUNT(t, leaf);
     const int64_t end = st.sid_lo + consume;
     int64_t rows = consume, at_end = 0;
@@ -138,7 +139,8 @@ void check_translations(pdt* t, int64_t size, int64_t n_stable, std::mt19937_64&
       const int64_t sid = USID(es[i].def);
       if (PDT_TYPE(es[i].def) == PDT_INSERT) (sid < end ? rows : at_end) += sid <= end;
       if (PDT_TYPE(es[i].def) == PDT_DELETE)
-        rows -= std::max<int64_t>(0, std::min<int64_t>(sid + PDT_HDR(es[i].def) + 1, end) - std::max(sid, st.sid_lo));
+        rows -= std::max<int64_t>(
+            0, std::min<int64_t>(sid + PDT_HDR(es[i].def) + 1, end) - std::max(sid, st.sid_lo));
     }
     EXPECT_TRUE(rows <= produce && produce <= rows + at_end) << lo << " " << consume;
   }
@@ -159,7 +161,8 @@ void run(const Config& cfg, int seed) {
   auto check = [&](const pdt* x, int step) {
     std::string why;
     ASSERT_TRUE(pdt_check(x, flags, &why)) << why << " seed " << seed << " step " << step;
-    ASSERT_EQ(ut::image(x, cfg.n_stable, &why), m.items) << why << " seed " << seed << " step " << step;
+    ASSERT_EQ(ut::image(x, cfg.n_stable, &why), m.items)
+        << why << " seed " << seed << " step " << step;
   };
   auto both = [&](auto update) {  // on the tree and on `side`
     ASSERT_EQ(update(*tree), 0);
@@ -177,14 +180,16 @@ void run(const Config& cfg, int seed) {
     // their row, whose modifies may run on into the next leaf.
     if (!cfg.by_sid && t->n_entries > 0 && (shrink || rnd(3) == 0)) {
       const std::vector<ut::Entry> es = ut::chain_entries(t);
-      const size_t k = size_t(rnd(int64_t(es.size()))), j = std::min(es.size() - 1, k + 1 + size_t(rnd(4)));
+      const size_t k = size_t(rnd(int64_t(es.size()))),
+                   j = std::min(es.size() - 1, k + 1 + size_t(rnd(4)));
       int64_t d = 0;
       for (size_t i = 0; i < j; i++) {
         if (i == k) rid = USID(es[k].def) + d;
         d += PDT_EFFECT(es[i].def);
       }
       // An inserted or modified row goes alone; from a delete the run reaches a few entries on.
-      if (PDT_TYPE(es[k].def) == PDT_DELETE) span = std::max<int64_t>(1, USID(es[j].def) + d - rid + 1);
+      if (PDT_TYPE(es[k].def) == PDT_DELETE)
+        span = std::max<int64_t>(1, USID(es[j].def) + d - rid + 1);
     }
     const int grow = size < cfg.n_stable ? 15 : 0;  // a smaller table takes more inserts
     if (cfg.by_sid && r < 60 && size > 0) {
@@ -223,10 +228,11 @@ void run(const Config& cfg, int seed) {
     } else if (size > 0) {  // delete by RID: one row, a short run, or several blocks
       const int64_t at = std::min(rid, size - 1);
       const int kind = int(rnd(20));
-      int64_t n = shrink ? std::min<int64_t>(span, 64)
+      int64_t n = shrink                                 ? std::min<int64_t>(span, 64)
                   : kind < 10 || size < cfg.n_stable / 2 ? 1
-                  : kind < 19 || size < 3 * PDT_BLOCK_DELETE_MAX ? 2 + rnd(19)
-                                                                 : 2 * PDT_BLOCK_DELETE_MAX + rnd(20000);
+                  : kind < 19 || size < 3 * PDT_BLOCK_DELETE_MAX
+                      ? 2 + rnd(19)
+                      : 2 * PDT_BLOCK_DELETE_MAX + rnd(20000);
       n = std::min(n, size - at);
       const int64_t values = rnd(8) == 0 ? rnd(1000) : -1;  // deletes with key values never merge
       for (int64_t left = n; left > 0; left -= PDT_BLOCK_DELETE_MAX) {

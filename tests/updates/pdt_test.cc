@@ -67,16 +67,37 @@ TEST(Pdt, UpdatesFoldIntoExistingEntries) {
       {"second modify of a column", {{'m', 3, 0}, {'m', 3, 0}}, "3/1/0", 0, nullptr},
       {"modify of an inserted row", {{'i', 2, 0}, {'m', 2, 1}}, "2/2/0", 1, nullptr},
       {"inserted rows deleted again", {{'i', 4, 0}, {'i', 5, 0}, {'d', 4, 2}}, "", 0, nullptr},
-      {"delete over modifies", {{'m', 3, 0}, {'m', 4, 1}, {'c', 4, 5}, {'d', 2, 5}}, "2/0/4", -5, nullptr},
-      {"run continued", {{'d', 10, 3}, {'d', 10, 1}}, "10/0/3", -4, nullptr},
-      {"block stops at 16384", {{'d', 0, 16384}, {'d', 0, 1}}, "0/0/16383 16384/0/0", -16385, nullptr},
-      {"delete behind is not grown", {{'d', 5, 1}, {'d', 4, 1}}, "4/0/0 5/0/0", -2, nullptr},
-      {"deletes keep their key values", {{'v', 5, 1}, {'v', 2, 1}}, "2/0/0@20 5/0/0@50", -2, nullptr},
-      {"by SID grows both ways", {{'s', 5, 2}, {'s', 10, 1}, {'s', 7, 1}, {'s', 9, 1}}, "5/0/2 9/0/1", -5,
+      {"delete over modifies",
+       {{'m', 3, 0}, {'m', 4, 1}, {'c', 4, 5}, {'d', 2, 5}},
+       "2/0/4",
+       -5,
        nullptr},
-      {"SID already deleted", {{'s', 5, 3}, {'s', 6, 1}}, "5/0/2", -3,
+      {"run continued", {{'d', 10, 3}, {'d', 10, 1}}, "10/0/3", -4, nullptr},
+      {"block stops at 16384",
+       {{'d', 0, 16384}, {'d', 0, 1}},
+       "0/0/16383 16384/0/0",
+       -16385,
+       nullptr},
+      {"delete behind is not grown", {{'d', 5, 1}, {'d', 4, 1}}, "4/0/0 5/0/0", -2, nullptr},
+      {"deletes keep their key values",
+       {{'v', 5, 1}, {'v', 2, 1}},
+       "2/0/0@20 5/0/0@50",
+       -2,
+       nullptr},
+      {"by SID grows both ways",
+       {{'s', 5, 2}, {'s', 10, 1}, {'s', 7, 1}, {'s', 9, 1}},
+       "5/0/2 9/0/1",
+       -5,
+       nullptr},
+      {"SID already deleted",
+       {{'s', 5, 3}, {'s', 6, 1}},
+       "5/0/2",
+       -3,
        "pdt_add_delete_by_sid: SID already deleted: 5"},
-      {"modify in front read as a run", {{'c', 3, 2}, {'s', 4, 1}}, "3/1/2", 0,
+      {"modify in front read as a run",
+       {{'c', 3, 2}, {'s', 4, 1}},
+       "3/1/2",
+       0,
        "pdt_add_delete_by_sid: SID already deleted: 4"},
   };
   for (const Case& c : cases) {
@@ -116,8 +137,11 @@ TEST(Pdt, SerialFormOfEmptyAndBlockTreesAndTooSmallBuffer) {
 
   ASSERT_EQ(t->ops.add_delete(t, 0, PDT_BLOCK_DELETE_MAX, -1), 0);
   std::string buf(size_t(pdt_serialized_size(t)) - 1, 'x');
-  std::string err = j480test::err_of([&] { EXPECT_EQ(pdt_serialize(t, buf.data(), int64_t(buf.size())), -1); });
-  EXPECT_NE(err.find("pdt_serialize: buffer too small, bufsize=59, resultsize=60\n"), std::string::npos) << err;
+  std::string err =
+      j480test::err_of([&] { EXPECT_EQ(pdt_serialize(t, buf.data(), int64_t(buf.size())), -1); });
+  EXPECT_NE(err.find("pdt_serialize: buffer too small, bufsize=59, resultsize=60\n"),
+            std::string::npos)
+      << err;
   EXPECT_EQ(buf, std::string(59, 'x'));
   EXPECT_EQ(entries_text(t), "0/0/16383");
   EXPECT_EQ(ut::serialize(t), ut::expected_serial(t));
@@ -133,19 +157,40 @@ TEST(Pdt, SerialFormOfEmptyAndBlockTreesAndTooSmallBuffer) {
 TEST(PdtDeath, AssertionsAtTheEdges) {
   struct Row { const char* text; void (*run)(ut::Tree&); };
   const Row rows[] = {
-      {"pdt->refcnt >= 0", [](ut::Tree& x) { x.t->refcnt = 0; pdt_unref(x.t); }},
+      {"pdt->refcnt >= 0",
+       [](ut::Tree& x) {
+         x.t->refcnt = 0;
+         pdt_unref(x.t);
+       }},
       {"(colno & 0xC000) == 0", [](ut::Tree& x) { x.t->ops.add_modify(x.t, 0, 0, 0x4000); }},
-      {"ntuples <= PDT_BLOCK_DELETE_MAX", [](ut::Tree& x) { x.t->ops.add_delete(x.t, 0, 16385, -1); }},
+      {"ntuples <= PDT_BLOCK_DELETE_MAX",
+       [](ut::Tree& x) { x.t->ops.add_delete(x.t, 0, 16385, -1); }},
       {"pdt->n_inserts == 0",
-       [](ut::Tree& x) { x.t->ops.add_insert(x.t, 0, x.tuple(0, "")); x.t->ops.add_delete_by_sid(x.t, 3, 1, -1); }},
+       [](ut::Tree& x) {
+         x.t->ops.add_insert(x.t, 0, x.tuple(0, ""));
+         x.t->ops.add_delete_by_sid(x.t, 3, 1, -1);
+       }},
       {"sid >= 0 && ntuples", [](ut::Tree& x) { x.t->ops.add_delete_by_sid(x.t, 3, 0, -1); }},
       {"colno >= pdt->n_table_cols", [](ut::Tree& x) { pdt_add_increment(x.t, 0, 1, 5); }},
       {"leaf[COUNT] >= LEAF_COUNT_BASE",
-       [](ut::Tree& x) { x.t->nodes[0][COUNT] = 0; pdt_leaf l; pdt_get_leaf(x.t, 0, &l); }},
-      {"node[COUNT] < LEAF_COUNT_BASE", [](ut::Tree& x) { pdt_node n; pdt_get_node(x.t, 0, &n); }},
+       [](ut::Tree& x) {
+         x.t->nodes[0][COUNT] = 0;
+         pdt_leaf l;
+         pdt_get_leaf(x.t, 0, &l);
+       }},
+      {"node[COUNT] < LEAF_COUNT_BASE",
+       [](ut::Tree& x) {
+         pdt_node n;
+         pdt_get_node(x.t, 0, &n);
+       }},
   };
   for (const Row& r : rows) {
-    EXPECT_DEATH({ ut::Tree x(3, 4); r.run(x); }, Esc("assertion \"" + std::string(r.text) + "\" failed"))
+    EXPECT_DEATH(
+        {
+          ut::Tree x(3, 4);
+          r.run(x);
+        },
+        Esc("assertion \"" + std::string(r.text) + "\" failed"))
         << r.text;
   }
 }
@@ -162,7 +207,8 @@ void random_updates(std::mt19937_64& rng, int n, int64_t* size, std::vector<ut::
     const std::string s = "x" + std::to_string(rnd(1000));
     if (r >= 35 && rid == *size) continue;
     if (r >= 60 && r < 72) v = rnd(201) - 100;
-    const int64_t n_del = r < 72 ? 0 : std::min<int64_t>(1 + rnd(rnd(5) == 0 ? 100 : 3), *size - rid);
+    const int64_t n_del =
+        r < 72 ? 0 : std::min<int64_t>(1 + rnd(rnd(5) == 0 ? 100 : 3), *size - rid);
     for (ut::Tree* tree : trees) {
       pdt* t = tree->t;
       if (r < 35) pdt_add_insert(t, rid, tree->tuple(v, s.c_str()), nullptr, nullptr, 0);
@@ -199,14 +245,16 @@ TEST(PdtMerge, ApplyingATreeEqualsMakingItsUpdatesOneByOne) {
 TEST(PdtMerge, OutOfMemoryEndsTheApplyWithItsMessage) {
   ut::Tree dst, src;
   pdt_debug_checks = 0;
-  for (int64_t i = 0; i < 100000; i++) pdt_add_insert(src.t, i, src.tuple(i, "v"), nullptr, nullptr, 0);
+  for (int64_t i = 0; i < 100000; i++)
+    pdt_add_insert(src.t, i, src.tuple(i, "v"), nullptr, nullptr, 0);
   longjmp_env env;
   longjmp_env_init(&env, dst.mem);
   longjmp_env* penv = &env;
   for (MemContext* m : {dst.t->mem, dst.vs()->mem}) mem_context_set_exception_env(m, &penv);
   int rc = 0;
   px_fault_arm(1, ENOMEM, PX_FAULT_FAIL, true);
-  const std::string err = j480test::err_of([&] { rc = dst.t->ops.apply_other_pdt(dst.t, src.t, 0); });
+  const std::string err =
+      j480test::err_of([&] { rc = dst.t->ops.apply_other_pdt(dst.t, src.t, 0); });
   px_fault_disarm();
   EXPECT_EQ(rc, -1);
   EXPECT_NE(err.find("ERROR:PDT:pdt_apply_other_pdt: out of memory\n"), std::string::npos) << err;
@@ -223,7 +271,8 @@ TEST(PdtMerge, KeyRangeIsTheRunOfEqualKeysAmongTheInsertsAtASid) {
   // Keys 10, 20, 20, 30 stand before stable row 7, at RIDs 7 to 10.
   for (int64_t k : {10, 20, 20, 30})
     pdt_add_insert(tree.t, k == 10 ? 7 : k == 20 ? 8 : 10, tree.tuple(k, "k"), nullptr, nullptr, 0);
-  const int64_t cases[][4] = {{7, 20, 8, 10}, {7, 5, 7, 7}, {7, 30, 10, 11}, {7, 99, 11, 11}, {3, 20, 3, 3}, {9, 1, 13, 13}};
+  const int64_t cases[][4] = {{7, 20, 8, 10},  {7, 5, 7, 7},  {7, 30, 10, 11},
+                              {7, 99, 11, 11}, {3, 20, 3, 3}, {9, 1, 13, 13}};
   for (const auto& c : cases) {
     const void* vals[1] = {&c[1]};
     int64_t lo, hi;

@@ -53,8 +53,9 @@ struct Tree {
     return static_cast<uint32_t>(p);
   }
   uint32_t modify(uint16_t col, int64_t v0, const char* s) {
-    return static_cast<uint32_t>(col == 0 ? value_space_append_modifies(vs(), 0, &v0, 0, nullptr, 1)
-                                          : value_space_append_modifies(vs(), 1, &s, 0, nullptr, 1));
+    return static_cast<uint32_t>(col == 0
+                                     ? value_space_append_modifies(vs(), 0, &v0, 0, nullptr, 1)
+                                     : value_space_append_modifies(vs(), 1, &s, 0, nullptr, 1));
   }
 };
 

@@ -33,8 +33,8 @@ const ptype* T(ptype_number n) {
 
 TEST(ValueSpace, CapacityRule) {
   struct Row { uint64_t n_old, n_add, want; };
-  for (const Row& r : {Row{0, 5, 1024}, Row{0, 5000, 5000}, Row{2000, 1, 3200}, Row{2000, 5000, 7000},
-                       Row{0xF0000000ull, 0x10000000ull, 0xFFFFFFFFull}})
+  for (const Row& r : {Row{0, 5, 1024}, Row{0, 5000, 5000}, Row{2000, 1, 3200},
+                       Row{2000, 5000, 7000}, Row{0xF0000000ull, 0x10000000ull, 0xFFFFFFFFull}})
     EXPECT_EQ(value_space_new_capacity(r.n_old, r.n_add), r.want) << r.n_old << "+" << r.n_add;
 }
 
@@ -76,10 +76,11 @@ TEST(ValueSpace, SerialFormsByteForByte) {
   value_space_append_inserts(fixed.vs, 0, ins, 0, nullptr, 2);
   value_space_append_inserts(fixed.vs, 1, incs, 0, nullptr, 2);
   value_space_append_modifies(fixed.vs, 0, &mod, 0, nullptr, 1);
-  const unsigned char want_fixed[] = {2, 0, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0,
-                                      4, 3, 2, 1, 255, 255, 255, 255, 5, 0, 0, 0,
-                                      254, 255, 255, 255, 255, 255, 255, 255, 3, 0, 0, 0, 0, 0, 0, 0};
-  EXPECT_EQ(fixed.serial(), std::string(reinterpret_cast<const char*>(want_fixed), sizeof want_fixed));
+  const unsigned char want_fixed[] = {
+      2,   0,   0, 0, 2, 0, 0,   0,   1,   0,   0,   0,   0,   0,   0, 0, 4, 3, 2, 1, 255, 255,
+      255, 255, 5, 0, 0, 0, 254, 255, 255, 255, 255, 255, 255, 255, 3, 0, 0, 0, 0, 0, 0,   0};
+  EXPECT_EQ(fixed.serial(),
+            std::string(reinterpret_cast<const char*>(want_fixed), sizeof want_fixed));
 
   Space str({T(PTYPE_STR)}, 0);
   const char* values[2] = {"ab", ""};
@@ -89,9 +90,12 @@ TEST(ValueSpace, SerialFormsByteForByte) {
   const char want_str[] = "\2\0\0\0\1\0\0\0\3\0\0\0\1\0\0\0\4\0\0\0ab\0\0xyz";
   EXPECT_EQ(str.serial(), std::string(want_str, sizeof want_str));
   std::string small(27, 'x');
-  std::string err = j480test::err_of([&] { EXPECT_EQ(value_space_serialize(str.vs, small.data(), 27), 0); });
-  EXPECT_NE(err.find("insufficient buffer space to serialize value space: bufsize 27, vs_size 28\n"),
-            std::string::npos) << err;
+  std::string err =
+      j480test::err_of([&] { EXPECT_EQ(value_space_serialize(str.vs, small.data(), 27), 0); });
+  EXPECT_NE(
+      err.find("insufficient buffer space to serialize value space: bufsize 27, vs_size 28\n"),
+      std::string::npos)
+      << err;
 }
 
 TEST(ValueSpace, IncrementColumnsRefuseTableColumns) {
@@ -102,7 +106,8 @@ TEST(ValueSpace, IncrementColumnsRefuseTableColumns) {
   const Row rows[] = {
       {'c', 0, 0xFFFFFFFF, "value_space_increment_count: incrementing table column is not allowed"},
       {'c', 2, 0xFFFFFFFE, "value_space_increment_count: illegal colno 2"},
-      {'m', 0, 0xFFFFFFFF, "value_space_increment_modify: incrementing table column is not allowed"},
+      {'m', 0, 0xFFFFFFFF,
+       "value_space_increment_modify: incrementing table column is not allowed"},
       {'m', 5, 0xFFFFFFFE, "value_space_increment_modify: illegal colno 5"},
       {'g', 0, -1, "value_space_get_increment: not an increment column 0"},
       {'g', 3, -2, "value_space_get_increment: illegal colno 3"}};
@@ -123,7 +128,8 @@ TEST(ValueSpace, IncrementColumnsRefuseTableColumns) {
   EXPECT_EQ(reinterpret_cast<int64_t*>(s.vs->inserts[1])[0], 5);
   EXPECT_DEATH(value_space_increment_modify_inplace(s.vs, 1, 1, 2),
                Esc("assertion \"pos < vs->n_modifies[colno]\" failed"));
-  EXPECT_DEATH(value_space_modify_insert(s.vs, 0, 0, 3), Esc("assertion \"insert_pos < vs->n_inserts[colno]\" failed"));
+  EXPECT_DEATH(value_space_modify_insert(s.vs, 0, 0, 3),
+               Esc("assertion \"insert_pos < vs->n_inserts[colno]\" failed"));
 }
 
 TEST(ValueSpace, CopyMergesAndDroppedIncrementColumn) {

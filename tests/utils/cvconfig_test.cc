@@ -67,7 +67,9 @@ TEST(CvconfigParse, SizeTextsWithUnitsFractionsAndExponents) {
 
 TEST_F(CvconfigTest, RangeAndPowerOfTwoValidators) {
   auto lng = [&](int32_t g, int32_t id, int64_t v) { return cvconfig_set_lng(cmdline_, g, id, v); };
-  auto memuse = [&](double v) { return cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, v); };
+  auto memuse = [&](double v) {
+    return cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, v);
+  };
   EXPECT_EQ(lng(CVGROUP_CBM, CVPROP_BLOCK_SIZE, 512 * 1024), 1);
   EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_CBM, CVPROP_BUFFERPOOL_SIZE), 0);
   EXPECT_EQ(lng(CVGROUP_CBM, CVPROP_IO_PREFETCH_BLOCKS, 0), 1);
@@ -161,7 +163,8 @@ TEST_F(CvconfigDeathTest, TypeMismatchesAndMissingLayersAreAssertions) {
        "prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_DBL"},
       {[&] { cvconfig_get_str(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE); },
        "prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_STR"},
-      {[&] { cvconfig_set_str(defaults_, CVGROUP_SERVER, CVPROP_PORT, "1"); }, "assertion \"p->tpe == tpe\" failed"},
+      {[&] { cvconfig_set_str(defaults_, CVGROUP_SERVER, CVPROP_PORT, "1"); },
+       "assertion \"p->tpe == tpe\" failed"},
       {[&] { cvconfig_set(nullptr, CVGROUP_SERVER, "port", L(1), PROP_TPE_LNG, 0); },
        "assertion \"config\" failed"},
       {[&] { cvconfig_layer_create(nullptr, "x", nullptr); }, "assertion \"mem || parent\" failed"},

@@ -48,7 +48,8 @@ TEST_F(FileTest, CreateDirMakesNestedDirectoriesAndRefusesRelativePaths) {
   EXPECT_EQ(file_stat((dir_.path() + "/x/y").c_str(), &st), 0);
 
   std::string err = err_of([] { EXPECT_EQ(create_dir("rel_dir_x/y"), -1); });
-  EXPECT_TRUE(Contains(err, "create_dir: could not create path 'rel_dir_x/y' - path in not absolute"))
+  EXPECT_TRUE(
+      Contains(err, "create_dir: could not create path 'rel_dir_x/y' - path in not absolute"))
       << err;
   EXPECT_FALSE(exists("rel_dir_x"));
 

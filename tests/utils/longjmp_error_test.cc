@@ -127,7 +127,8 @@ TEST(J480Error, TableHoldsEveryCodeAndFormatsParameters) {
   // Find the template with two table parameters.
   int32_t code = -1;
   for (int32_t i = 0; i < J480_NUM_ERRORS; i++)
-    if (strcmp(error_template(i), "Table '%0' and table '%1' not equal in structure.") == 0) code = i;
+    if (strcmp(error_template(i), "Table '%0' and table '%1' not equal in structure.") == 0)
+      code = i;
   ASSERT_GE(code, 0);
   j480_error* two = error_create(mem, code, 2);
   error_set_param(two, mem, 0, "t1");

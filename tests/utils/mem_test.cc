@@ -34,7 +34,8 @@ class MemTest : public testing::Test {
     saved_cur_vm_ = g_system_account.curVM;
     saved_settings_ = g_system_memory;
     saved_platform_ = g_system_platform;
-    cv_log_enabled("MEMCONTEXT", CV_LOG_INFO);  // the logger reads its files before faults are armed
+    cv_log_enabled("MEMCONTEXT",
+                   CV_LOG_INFO);  // the logger reads its files before faults are armed
     root_ = mem_context_create(nullptr, "mem_test");
   }
   void TearDown() override {
@@ -67,7 +68,9 @@ using MemDeathTest = MemTest;
 
 using j480test::Esc;
 
-uint8_t pattern(uint32_t seed, uint64_t i) { return static_cast<uint8_t>(seed + i * 31 + (i >> 8)); }
+uint8_t pattern(uint32_t seed, uint64_t i) {
+  return static_cast<uint8_t>(seed + i * 31 + (i >> 8));
+}
 
 void fill(void* p, uint64_t size, uint32_t seed) {
   auto* b = static_cast<uint8_t*>(p);
@@ -145,7 +148,8 @@ void run_random(MemContext* root, uint32_t seed, int steps) {
       const uint64_t size = random_size();
       const int flags = flag_choices[pick(0, 7)];
       const bool zeroed = pick(0, 5) == 0;
-      void* p = zeroed ? mem_callocex(m.ctxs[c], size, flags) : mem_mallocex(m.ctxs[c], size, flags);
+      void* p =
+          zeroed ? mem_callocex(m.ctxs[c], size, flags) : mem_mallocex(m.ctxs[c], size, flags);
       ASSERT_NE(p, nullptr);
       ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % J480_ALIGN, 0u);
       if (zeroed) {

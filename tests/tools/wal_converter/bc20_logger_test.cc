@@ -85,15 +85,18 @@ std::vector<std::pair<std::string, std::string>> records(bool big) {
       {"incorrect cat_table_new\n", B(big).i32(13).lng(20).str("orders").lng(21)},
       {"incorrect cat_table_del\n", B(big).i32(14).lng(22)},
       {"incorrect cat_column_new\n",
-       B(big).i32(15).lng(23).str("sint").i32(5).str("int").i32(10).i32(2).str("lz").str("o_id").i32(-1)},
+       B(big).i32(15).lng(23).str("sint").i32(5).str("int").i32(10).i32(2).str("lz").str("o_id")
+           .i32(-1)},
       {"incorrect cat_column_del\n", B(big).i32(16).lng(24)},
       {"incorrect cat_colgroup_new_defaultfile\n",
        B(big).i32(17).lng(25).lng(26).lng(27).i32(1).lng(99).i32(2).raw(raw8(23) + raw8(-5))},
       {"incorrect cat_colgroup_del\n", B(big).i32(18).lng(28)},
-      {"incorrect cat_index_new\n", B(big).i32(19).lng(29).str("pk").i32(2).lng(20).lng(21).lng(25).lng(30)},
+      {"incorrect cat_index_new\n",
+       B(big).i32(19).lng(29).str("pk").i32(2).lng(20).lng(21).lng(25).lng(30)},
       {"incorrect cat_index_del\n", B(big).i32(20).lng(31)},
       {"incorrect minmax_size", B(big).i32(21).lng(32).lng(33).lng(34).lng(35)},
-      {"incorrect minmax_data", B(big).i32(22).lng(36).i32(1).lng(3).raw("abc").i32(1).lng(2).raw("wxyz")},
+      {"incorrect minmax_data",
+       B(big).i32(22).lng(36).i32(1).lng(3).raw("abc").i32(1).lng(2).raw("wxyz")},
       {"incorrect minmax_vardata", B(big).i32(23).lng(37).i32(2).lng(0).i32(0).lng(3).raw("pqr")},
       {"incorrect jis_size", B(big).i32(24).lng(38).lng(39).lng(40).lng(41)},
       {"incorrect jis_data", B(big).i32(25).lng(42).i32(3).lng(1).raw(raw8(77))},
@@ -109,7 +112,8 @@ std::vector<std::pair<std::string, std::string>> records(bool big) {
       {"incorrect colgroup_file_new\n", B(big).i32(36).lng(25).lng(5)},
       {"incorrect colgroup_file_del\n", B(big).i32(37).lng(25).lng(6)},
       {"incorrect cat_colgroup_new\n", B(big).i32(38).lng(50).lng(51).lng(52).i32(3).i32(0)},
-      {"incorrect cat_colgroup_new\n", B(big).i32(38).lng(53).lng(51).lng(52).i32(3).i32(1).raw_lng(9)},
+      {"incorrect cat_colgroup_new\n",
+       B(big).i32(38).lng(53).lng(51).lng(52).i32(3).i32(1).raw_lng(9)},
   };
   std::vector<std::pair<std::string, std::string>> out;
   for (const auto& [err, b] : r) out.push_back({err, b.bytes()});
@@ -128,46 +132,54 @@ std::string all_records(bool big) {
 // The log text of a dump of `lines`: elements at INFO, and the reader's ERROR lines.
 std::string dump_text(const std::vector<std::string>& lines) {
   std::string text = "#LOGGER:bc20_bm_logger_print start\n";
-  for (const std::string& l : lines) text += (l.rfind("ERROR:", 0) == 0 ? "" : "#LOGGER:") + l + "\n";
+  for (const std::string& l : lines)
+    text += (l.rfind("ERROR:", 0) == 0 ? "" : "#LOGGER:") + l + "\n";
   return text + "#LOGGER:bm_logger_print end\n";
 }
 
 const std::vector<std::string> kGoldenDump = {
-      "<wal base_version=\"4851035686591004672\" cur_version=\"0\">",
-      "<tr trid=\"7\">",
-      "<cs_new_defaultfile id=\"1\" blksz=\"524288\"/>",
-      "<cs_new id=\"2\" blksz=\"4096\"/>",
-      "<col_new colid=\"11\" type=\"3\"/>",
-      "<col_del colid=\"12\" type=\"4\"/>",
-      "<blk_new colid=\"13\" file_nr=\"-1\" block_nr=\"100\" bytes_used=\"2000\" num_tuples=\"50\"/>",
-      "<blk_del colid=\"14\" file_nr=\"-1\" block_nr=\"101\"/>",
-      "<cat_table_new table_id=\"20\" name=\"orders\" colgroup_id=\"21\"/>",
-      "<cat_table_del table_id=\"22\"/>",
-      "<cat_column_new colid=\"23\" adt=\"sint\" ctype=\"5\" ltype=\"int\" digits=\"10\" scale=\"2\" compression=\"lz\" col_name=\"o_id\" flags=\"4294967295\"/>",
-      "<cat_column_del column_id=\"24\"/>",
-      "<cat_colgroup_new_defaultfile cg_id=\"25\" store_id=\"26\" parent_id=\"27\" type=\"1\" ncols=\"2\" col_ids=\"23:-5\"/>",
-      "<cat_colgroup_del colgroup_id=\"28\"/>",
-      "<cat_index_new index_id=\"29\" index_name=\"pk\" type=\"2\" table_id=\"20\" colgroup_id=\"21\" scolgroup_id=\"25\" key_id=\"30\"/>",
-      "<cat_index_del index_id=\"31\"/>",
-      "<minmax_size index_id=\"32\" maxgroups=\"33\" numtuples=\"34\" groupsize=\"35\"/>",
-      "<minmax_data index_id=\"36\" column_nr=\"1\" datasize=\"3\" overflow=\"1\" overflow_datasize=\"2\"/>",
-      "<minmax_vardata index_id=\"37\" column_nr=\"2\" datasize=\"0\" overflow=\"0\" overflow_datasize=\"3\"/>",
-      "<jis_size index_id=\"38\" maxgroups=\"39\" numgroups=\"40\" groupsize=\"41\"/>",
-      "<jis_data index_id=\"42\" jis_column=\"3\" numgroups=\"1\"/>",
-      "<pdt_new_64 object_id=\"43\" size=\"2\"/>",
-      "<pdt_new_64 object_id=\"44\" size=\"3\"/>",
-      "<cat_location_new location_id=\"45\" name=\"loc1\" usage=\"6\" path=\"(null)\"/>",
-      "<cat_location_del location_id=\"46\"/>",
-      "<blk_new colid=\"48\" file_nr=\"3\" block_nr=\"102\" bytes_used=\"1000\" num_tuples=\"60\"/>",
-      "<blk_del colid=\"49\" file_nr=\"4\" block_nr=\"103\"/>",
-      "<file_new file_nr=\"5\" location_id=\"45\" filename=\"f5.dat\"/>",
-      "<file_del file_nr=\"6\"/>",
-      "<colgroup_file_new colgroup_id=\"25\" file_nr=\"5\"/>",
-      "<colgroup_file_del colgroup_id=\"25\" file_nr=\"6\"/>",
-      "<cat_colgroup_new cg_id=\"50\" store_id=\"51\" parent_id=\"52\" type=\"3\" ncols=\"0\" col_ids=\"\"/>",
-      "<cat_colgroup_new cg_id=\"53\" store_id=\"51\" parent_id=\"52\" type=\"3\" ncols=\"1\" col_ids=\"9\"/>",
-      "</tr trid=\"7\">",
-      "</wal>",
+    "<wal base_version=\"4851035686591004672\" cur_version=\"0\">",
+    "<tr trid=\"7\">",
+    "<cs_new_defaultfile id=\"1\" blksz=\"524288\"/>",
+    "<cs_new id=\"2\" blksz=\"4096\"/>",
+    "<col_new colid=\"11\" type=\"3\"/>",
+    "<col_del colid=\"12\" type=\"4\"/>",
+    "<blk_new colid=\"13\" file_nr=\"-1\" block_nr=\"100\" bytes_used=\"2000\" num_tuples=\"50\"/>",
+    "<blk_del colid=\"14\" file_nr=\"-1\" block_nr=\"101\"/>",
+    "<cat_table_new table_id=\"20\" name=\"orders\" colgroup_id=\"21\"/>",
+    "<cat_table_del table_id=\"22\"/>",
+    "<cat_column_new colid=\"23\" adt=\"sint\" ctype=\"5\" ltype=\"int\" digits=\"10\" scale=\"2\" "
+    "compression=\"lz\" col_name=\"o_id\" flags=\"4294967295\"/>",
+    "<cat_column_del column_id=\"24\"/>",
+    "<cat_colgroup_new_defaultfile cg_id=\"25\" store_id=\"26\" parent_id=\"27\" type=\"1\" "
+    "ncols=\"2\" col_ids=\"23:-5\"/>",
+    "<cat_colgroup_del colgroup_id=\"28\"/>",
+    "<cat_index_new index_id=\"29\" index_name=\"pk\" type=\"2\" table_id=\"20\" "
+    "colgroup_id=\"21\" scolgroup_id=\"25\" key_id=\"30\"/>",
+    "<cat_index_del index_id=\"31\"/>",
+    "<minmax_size index_id=\"32\" maxgroups=\"33\" numtuples=\"34\" groupsize=\"35\"/>",
+    "<minmax_data index_id=\"36\" column_nr=\"1\" datasize=\"3\" overflow=\"1\" "
+    "overflow_datasize=\"2\"/>",
+    "<minmax_vardata index_id=\"37\" column_nr=\"2\" datasize=\"0\" overflow=\"0\" "
+    "overflow_datasize=\"3\"/>",
+    "<jis_size index_id=\"38\" maxgroups=\"39\" numgroups=\"40\" groupsize=\"41\"/>",
+    "<jis_data index_id=\"42\" jis_column=\"3\" numgroups=\"1\"/>",
+    "<pdt_new_64 object_id=\"43\" size=\"2\"/>",
+    "<pdt_new_64 object_id=\"44\" size=\"3\"/>",
+    "<cat_location_new location_id=\"45\" name=\"loc1\" usage=\"6\" path=\"(null)\"/>",
+    "<cat_location_del location_id=\"46\"/>",
+    "<blk_new colid=\"48\" file_nr=\"3\" block_nr=\"102\" bytes_used=\"1000\" num_tuples=\"60\"/>",
+    "<blk_del colid=\"49\" file_nr=\"4\" block_nr=\"103\"/>",
+    "<file_new file_nr=\"5\" location_id=\"45\" filename=\"f5.dat\"/>",
+    "<file_del file_nr=\"6\"/>",
+    "<colgroup_file_new colgroup_id=\"25\" file_nr=\"5\"/>",
+    "<colgroup_file_del colgroup_id=\"25\" file_nr=\"6\"/>",
+    "<cat_colgroup_new cg_id=\"50\" store_id=\"51\" parent_id=\"52\" type=\"3\" ncols=\"0\" "
+    "col_ids=\"\"/>",
+    "<cat_colgroup_new cg_id=\"53\" store_id=\"51\" parent_id=\"52\" type=\"3\" ncols=\"1\" "
+    "col_ids=\"9\"/>",
+    "</tr trid=\"7\">",
+    "</wal>",
 };
 
 // The dump shows every field of every record (but cat_location_update's, which has no element);
@@ -225,9 +237,11 @@ TEST_F(Bc20Reader, TheDumpSkipsDamagedTransactions) {
 
 TEST_F(Bc20Reader, PdtNewIsWidenedWithItsDebugLine) {
   log_.use("LOGGER=debug");
-  Call c = read_one(LogBytes().i32(0).lng(1).i32(26).lng(5).i32(3).raw("abc").i32(1).lng(1).bytes());
+  Call c =
+      read_one(LogBytes().i32(0).lng(1).i32(26).lng(5).i32(3).raw("abc").i32(1).lng(1).bytes());
   EXPECT_EQ(c.rc, 1);
-  EXPECT_EQ(c.err, "#LOGGER:converting pdt_new log action to pdt_new_64, object_id=5, data_size=3\n");
+  EXPECT_EQ(c.err,
+            "#LOGGER:converting pdt_new log action to pdt_new_64, object_id=5, data_size=3\n");
   EXPECT_EQ(c.list->next->type, bc20_pdt_new_64);
   EXPECT_EQ(c.list->next->pdt_new_64.size, 3);
 }
@@ -289,20 +303,26 @@ TEST_F(Bc20Reader, OversizeAndNegativeLengthsAreRefusedUnallocated) {
     char kind;  // 's' string length, 'i' int count, 'l' lng count
     B head, tail;  // the record before the length field; behind a string, the rest of it
   } cases[] = {
-      {"read_cs_new: unexpected values in log\nERROR:LOGGER:incorrect cs_new\n", 's', B().i32(2).i32(1),
-       B().i32(8).i32(0).i32(0).lng(0)},
-      {"read_cs_new: unexpected values in log\nERROR:LOGGER:incorrect cs_new\n", 's', B().i32(35).i32(1),
-       B().i32(8).i32(0).i32(0).lng(0)},
+      {"read_cs_new: unexpected values in log\nERROR:LOGGER:incorrect cs_new\n", 's',
+       B().i32(2).i32(1), B().i32(8).i32(0).i32(0).lng(0)},
+      {"read_cs_new: unexpected values in log\nERROR:LOGGER:incorrect cs_new\n", 's',
+       B().i32(35).i32(1), B().i32(8).i32(0).i32(0).lng(0)},
       {"incorrect cat_table_new\n", 's', B().i32(13).lng(1), B().lng(2)},
       {"incorrect file_new", 's', B().i32(33).lng(1).lng(2), B()},
       {"incorrect cat_location_new", 's', B().i32(28).lng(1), B().i32(2)},
-      {"incorrect cat_index_new\n", 's', B().i32(19).lng(1), B().i32(2).lng(3).lng(4).lng(5).lng(6)},
-      {"incorrect cat_column_new\n", 's', B().i32(15).lng(1), B().i32(2).str("l").i32(3).i32(4).str("c").str("n").i32(5)},
-      {"incorrect cat_column_new\n", 's', B().i32(15).lng(1).str("a").i32(2), B().i32(3).i32(4).str("c").str("n").i32(5)},
-      {"incorrect cat_column_new\n", 's', B().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4), B().str("n").i32(5)},
-      {"incorrect cat_column_new\n", 's', B().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4).str("c"), B().i32(5)},
+      {"incorrect cat_index_new\n", 's', B().i32(19).lng(1),
+       B().i32(2).lng(3).lng(4).lng(5).lng(6)},
+      {"incorrect cat_column_new\n", 's', B().i32(15).lng(1),
+       B().i32(2).str("l").i32(3).i32(4).str("c").str("n").i32(5)},
+      {"incorrect cat_column_new\n", 's', B().i32(15).lng(1).str("a").i32(2),
+       B().i32(3).i32(4).str("c").str("n").i32(5)},
+      {"incorrect cat_column_new\n", 's', B().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4),
+       B().str("n").i32(5)},
+      {"incorrect cat_column_new\n", 's',
+       B().i32(15).lng(1).str("a").i32(2).str("l").i32(3).i32(4).str("c"), B().i32(5)},
       {"incorrect cat_colgroup_new\n", 'i', B().i32(38).lng(1).lng(2).lng(3).i32(4), B()},
-      {"incorrect cat_colgroup_new_defaultfile\n", 'i', B().i32(17).lng(1).lng(2).lng(3).i32(4).lng(0), B()},
+      {"incorrect cat_colgroup_new_defaultfile\n", 'i',
+       B().i32(17).lng(1).lng(2).lng(3).i32(4).lng(0), B()},
       {"incorrect pdt_new", 'i', B().i32(26).lng(1), B()},
       {"incorrect pdt_new_64", 'l', B().i32(27).lng(1), B()},
       {"incorrect minmax_data", 'l', B().i32(22).lng(1).i32(2), B()},
@@ -325,7 +345,8 @@ TEST_F(Bc20Reader, OversizeAndNegativeLengthsAreRefusedUnallocated) {
       EXPECT_LT(mem_context_used(mem_), 64u * 1024) << k.err << " length " << n;
     }
     if (k.kind == 's') {
-      Call ok = read_one(tr_new + k.head.bytes() + B().str(std::string(511, 'x')).bytes() + k.tail.bytes() + tr_end);
+      Call ok = read_one(tr_new + k.head.bytes() + B().str(std::string(511, 'x')).bytes() +
+                         k.tail.bytes() + tr_end);
       EXPECT_NE(ok.list, nullptr) << k.err;
       EXPECT_EQ(ok.err, "") << k.err;
     }

@@ -99,7 +99,8 @@ TEST_F(Bc20Model, AssertionsOfTheModel) {
        },
        "c->sqltype == NULL"},
       {[] { bc20_column_create(0, 99); }, "c->type"},
-      {[] { bc20_column_create(7, PTYPE_SINT); }, "column_type >= 0 && column_type < nr_of_columns"},
+      {[] { bc20_column_create(7, PTYPE_SINT); },
+       "column_type >= 0 && column_type < nr_of_columns"},
       {[] { bc20_column_unref(bc20_column_create(0, PTYPE_SINT)); }, "c->refcnt >= 0"},
       {[] { bc20_column_ref(nullptr); }, "c"},
       {[&] { bc20_colgroup_add_column(group(bc20_colgroup_null, 2, 0, root()), column(1), "a"); },
@@ -110,7 +111,8 @@ TEST_F(Bc20Model, AssertionsOfTheModel) {
       {[&] { bc20_colgroup_add_file(storage(), 0); }, "cs_file && scg->file_nr < 0"},
       {[] { bc20_colgroup_create(3, 1, nullptr); },
        "colgroup_type >= 0 && colgroup_type < nr_of_colgroups"},
-      {[&] { bc20_table_create(storage()); }, "cg->owner_kind == BC20_CG_FREE && cg->parent == NULL"},
+      {[&] { bc20_table_create(storage()); },
+       "cg->owner_kind == BC20_CG_FREE && cg->parent == NULL"},
       {[&] {
          catalog_get_referenced_table_from_joinindex(
              cat_, index(table(2, "b"), bc20_idx_join, 22, "b_j", "nothing"));

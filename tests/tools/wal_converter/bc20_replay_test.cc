@@ -151,8 +151,11 @@ TEST_F(Bc20Replay, ReplaysAndWhatTheyLog) {
   const std::string converted =
       "ERROR:LOGGER:Incompatible database version detected, database already converted.";
   const std::string reading = "#LOGGER:Reading old catalog...";
-  const std::string good = "# WARN:LOGGER:bc20_bm_logger_replay: failed reading, last known good is ";
-  auto with_cs = [](bool default_file) { return Log().tr_new(1).cs_new(default_file, 0).tr_end(1); };
+  const std::string good =
+      "# WARN:LOGGER:bc20_bm_logger_replay: failed reading, last known good is ";
+  auto with_cs = [](bool default_file) {
+    return Log().tr_new(1).cs_new(default_file, 0).tr_end(1);
+  };
   struct Case {
     const char* name;
     std::string log;
@@ -165,42 +168,95 @@ TEST_F(Bc20Replay, ReplaysAndWhatTheyLog) {
       {"one byte", "\xD2", nullptr, 1, {}},
       {"only the mark", std::string("\xD2\x04", 2), nullptr, 1, {reading}},
       {"mark and version", Log().bytes(), nullptr, 1, {reading, "#LOGGER:Parsing 100% done."}},
-      {"stray records after the last tr_end vanish", Log().tr_new(1).tr_end(1).loc_del(99).bytes(),
-       nullptr, 1, {reading, "#LOGGER:Parsing 21% done.", "#LOGGER:Parsing 73% done."}},
-      {"a 2.5 log", Log(0x435257414C000001LL).tr_new(1).loc_new(1, "a", 1).tr_end(1).bytes(), nullptr, 0, {converted}},
+      {"stray records after the last tr_end vanish",
+       Log().tr_new(1).tr_end(1).loc_del(99).bytes(),
+       nullptr,
+       1,
+       {reading, "#LOGGER:Parsing 21% done.", "#LOGGER:Parsing 73% done."}},
+      {"a 2.5 log",
+       Log(0x435257414C000001LL).tr_new(1).loc_new(1, "a", 1).tr_end(1).bytes(),
+       nullptr,
+       0,
+       {converted}},
       {"another magic", Log(0x1234).bytes(), nullptr, 0, {converted}},
-      {"torn at a record boundary", Log().tr_new(1).tr_end(1).tr_new(2).loc_new(1, "a", 1).bytes(), nullptr, 0,
-       {"ERROR:LOGGER:reading transaction finished while still in open transaction", good + "34", stale}},
-      {"torn inside a record", Log().tr_new(1).bytes() + std::string("\x1c\0\0\0\x01", 5), nullptr, 0,
+      {"torn at a record boundary",
+       Log().tr_new(1).tr_end(1).tr_new(2).loc_new(1, "a", 1).bytes(),
+       nullptr,
+       0,
+       {"ERROR:LOGGER:reading transaction finished while still in open transaction", good + "34",
+        stale}},
+      {"torn inside a record",
+       Log().tr_new(1).bytes() + std::string("\x1c\0\0\0\x01", 5),
+       nullptr,
+       0,
        {"ERROR:LOGGER:incorrect cat_location_new", good + "10", stale}},
-      {"an unknown tag", Log().tr_new(1).tr_end(1).bytes() + std::string("\x27\0\0\0", 4), nullptr, 0,
+      {"an unknown tag",
+       Log().tr_new(1).tr_end(1).bytes() + std::string("\x27\0\0\0", 4),
+       nullptr,
+       0,
        {"ERROR:LOGGER:Unhandled log value 39", good + "34", stale}},
-      {"a malformed map", Log().tr_new(1).loc_new(1, "a", 1).tr_end(1).bytes(), "no comma\n", 0,
+      {"a malformed map",
+       Log().tr_new(1).loc_new(1, "a", 1).tr_end(1).bytes(),
+       "no comma\n",
+       0,
        {"ERROR:LOGGER:Error replaying map file '" + map + "'"}},
-      {"a second columnspace", Log().tr_new(1).cs_new(false, 1, 4096).tr_end(1).bytes(), nullptr, 0,
+      {"a second columnspace",
+       Log().tr_new(1).cs_new(false, 1, 4096).tr_end(1).bytes(),
+       nullptr,
+       0,
        {"ERROR:CBM:Encountered non-initial columnspace. Columnspaces are deprecated. Aborting."}},
-      {"a storage column twice", with_cs(false).tr_new(2).col_new(5).col_new(5).tr_end(2).bytes(), nullptr, 0,
+      {"a storage column twice",
+       with_cs(false).tr_new(2).col_new(5).col_new(5).tr_end(2).bytes(),
+       nullptr,
+       0,
        {"ERROR:CBM:col_new: unable to create scolumn (colid=5)"}},
-      {"a storage column id 0", with_cs(false).tr_new(2).col_new(0).tr_end(2).bytes(), nullptr, 0,
+      {"a storage column id 0",
+       with_cs(false).tr_new(2).col_new(0).tr_end(2).bytes(),
+       nullptr,
+       0,
        {"ERROR:CBM:iobm_register_scolumn: no id for a storage column during replay",
         "ERROR:CBM:col_new: unable to create scolumn (colid=0)"}},
-      {"a block past the file's end", with_cs(true).tr_new(2).col_new(5).blk_new(5, -1, 200).tr_end(2).bytes(),
-       nullptr, 0,
-       {"ERROR:CBM:columnspace_mark_used: could not grow columnspace to desired size 200 (is now 128).",
+      {"a block past the file's end",
+       with_cs(true).tr_new(2).col_new(5).blk_new(5, -1, 200).tr_end(2).bytes(),
+       nullptr,
+       0,
+       {"ERROR:CBM:columnspace_mark_used: could not grow columnspace to desired size 200 (is now "
+        "128).",
         "ERROR:CBM:blk_new: unable to create block (file_nr=0 block_nr=200, scolid=5)"}},
-      {"a block of an unknown storage column", with_cs(true).tr_new(2).blk_new(6, -1, 3).tr_end(2).bytes(),
-       nullptr, 0, {"ERROR:CBM:blk_new: bad scolumn id: 6"}},
+      {"a block of an unknown storage column",
+       with_cs(true).tr_new(2).blk_new(6, -1, 3).tr_end(2).bytes(),
+       nullptr,
+       0,
+       {"ERROR:CBM:blk_new: bad scolumn id: 6"}},
       {"a delete in an unknown storage column",
-       with_cs(true).tr_new(2).col_new(5).blk_new(5, -1, 3).blk_del(6, -1, 3).tr_end(2).bytes(), nullptr, 0,
+       with_cs(true).tr_new(2).col_new(5).blk_new(5, -1, 3).blk_del(6, -1, 3).tr_end(2).bytes(),
+       nullptr,
+       0,
        {"ERROR:CBM:blk_del: bad scolumn id: 6"}},
-      {"a delete of a free block", with_cs(true).tr_new(2).col_new(5).blk_new(5, 0, 3).blk_del(5, 0, 4).tr_end(2).bytes(),
-       nullptr, 0, {"ERROR:CBM:blk_del: unable to find block (file_nr=0 block_nr=4)"}},
-      {"a delete in an unknown file", with_cs(true).tr_new(2).col_new(5).blk_del(5, 9, 4).tr_end(2).bytes(), nullptr, 0,
+      {"a delete of a free block",
+       with_cs(true).tr_new(2).col_new(5).blk_new(5, 0, 3).blk_del(5, 0, 4).tr_end(2).bytes(),
+       nullptr,
+       0,
+       {"ERROR:CBM:blk_del: unable to find block (file_nr=0 block_nr=4)"}},
+      {"a delete in an unknown file",
+       with_cs(true).tr_new(2).col_new(5).blk_del(5, 9, 4).tr_end(2).bytes(),
+       nullptr,
+       0,
        {"ERROR:CBM:blk_del: unable to find block (file_nr=9 block_nr=4)"}},
-      {"a drop of an unknown location", Log().tr_new(1).loc_new(2, "a", 1).loc_del(3).tr_end(1).bytes(), nullptr, 0,
+      {"a drop of an unknown location",
+       Log().tr_new(1).loc_new(2, "a", 1).loc_del(3).tr_end(1).bytes(),
+       nullptr,
+       0,
        {"ERROR:CBM:failed to replay drop location: no such location_id 3"}},
-      {"an update of an unknown location", Log().tr_new(1).loc_update(3, 2).tr_end(1).bytes(), nullptr, 0, {}},
-      {"a location twice", Log().tr_new(1).loc_new(2, "a", 1).loc_new(2, "b", 1).tr_end(1).bytes(), nullptr, 0,
+      {"an update of an unknown location",
+       Log().tr_new(1).loc_update(3, 2).tr_end(1).bytes(),
+       nullptr,
+       0,
+       {}},
+      {"a location twice",
+       Log().tr_new(1).loc_new(2, "a", 1).loc_new(2, "b", 1).tr_end(1).bytes(),
+       nullptr,
+       0,
        {"ERROR:CATALOG:location already exists: b"}},
   };
   for (const Case& k : cases) {
@@ -257,7 +313,8 @@ TEST_F(Bc20Replay, AColumnspaceThatCantBeMadeSaysSoAtInfoThenError) {
   EXPECT_EQ(rc_, 0);
   const std::vector<std::string> tail = {
       "#CBM:Detected single location database. Creating default location and default file.",
-      "#CBM:columnspace_create: nrblks 128", "#CBM:cs_new: trying to create columnspace with blksz=4096",
+      "#CBM:columnspace_create: nrblks 128",
+      "#CBM:cs_new: trying to create columnspace with blksz=4096",
       "ERROR:CBM:cs_new: unable to create columnspace"};
   ASSERT_GE(lines.size(), tail.size());
   EXPECT_EQ(std::vector<std::string>(lines.end() - 4, lines.end()), tail);
@@ -275,32 +332,50 @@ TEST_F(Bc20Replay, BrokenReferencesAreAssertions) {
   };
   const Case cases[] = {
       {"a table on an unknown group", Log().tr_new(1).table_new(1, "t", 9).tr_end(1).bytes(), "cg"},
-      {"a group with an unknown column", Log().tr_new(1).colgroup_new(2, 0, 0, 0, {7}).tr_end(1).bytes(), "c"},
+      {"a group with an unknown column",
+       Log().tr_new(1).colgroup_new(2, 0, 0, 0, {7}).tr_end(1).bytes(), "c"},
       {"a drop of an unknown table", Log().tr_new(1).table_del(5).tr_end(1).bytes(), "t"},
       {"an index on an unknown group", Log().tr_new(1).index_new(5, "i", 3, 1, 9).tr_end(1).bytes(),
        "icg && j"},
       {"an index of an unknown table",
-       Log(cs).table(10, "t", 5, 2).tr_new(3).colgroup_new(20, 0, 0, 0, {11}).index_new(21, "i", 3, 99, 20).tr_end(3).bytes(),
+       Log(cs)
+           .table(10, "t", 5, 2)
+           .tr_new(3)
+           .colgroup_new(20, 0, 0, 0, {11})
+           .index_new(21, "i", 3, 99, 20)
+           .tr_end(3)
+           .bytes(),
        "table"},
       {"a join index without a foreign key",
-       Log(cs).table(10, "t", 5, 2).tr_new(3).colgroup_new(20, 0, 0, 0, {11}).index_new(21, "j", 6, 10, 20, 0, 0).tr_end(3).bytes(),
+       Log(cs)
+           .table(10, "t", 5, 2)
+           .tr_new(3)
+           .colgroup_new(20, 0, 0, 0, {11})
+           .index_new(21, "j", 6, 10, 20, 0, 0)
+           .tr_end(3)
+           .bytes(),
        "reftable"},
       {"a drop of an unknown index", Log().tr_new(1).index_del(5).tr_end(1).bytes(), "i && t"},
-      {"a file for an unknown group", Log(cs).tr_new(2).colgroup_file_new(4, 0).tr_end(2).bytes(), "cg"},
+      {"a file for an unknown group", Log(cs).tr_new(2).colgroup_file_new(4, 0).tr_end(2).bytes(),
+       "cg"},
       {"a file of a group of an earlier transaction",
        Log(cs).table(10, "t", 5, 2).tr_new(3).colgroup_file_new(13, 0).tr_end(3).bytes(), "cg"},
       {"a drop of a group no table has",
-       Log(cs).table(10, "t", 5, 2).tr_new(3).colgroup_del(99).tr_end(3).bytes(), "cg && cg->logical"},
+       Log(cs).table(10, "t", 5, 2).tr_new(3).colgroup_del(99).tr_end(3).bytes(),
+       "cg && cg->logical"},
       {"a second columnspace", Log(cs).tr_new(2).cs_new(false, 0).tr_end(2).bytes(),
        "!iobm_get_columnspace(bm)"},
       {"a second default file", Log(cs).tr_new(2).file_new(4, 1, "0").tr_end(2).bytes(),
        "cs->default_file_nr == kNoFile || file_nr == kNoFile"},
-      {"a block of an unknown file", Log(cs).tr_new(2).col_new(5).blk_new(5, 7, 3).tr_end(2).bytes(),
-       "cs_file"},
-      {"a block twice", Log(cs).tr_new(2).col_new(5).blk_new(5, -1, 3).blk_new(5, -1, 3).tr_end(2).bytes(),
+      {"a block of an unknown file",
+       Log(cs).tr_new(2).col_new(5).blk_new(5, 7, 3).tr_end(2).bytes(), "cs_file"},
+      {"a block twice",
+       Log(cs).tr_new(2).col_new(5).blk_new(5, -1, 3).blk_new(5, -1, 3).tr_end(2).bytes(),
        "cs_file->block_map[nr] == NULL"},
-      {"a file without a columnspace", Log().tr_new(1).file_new(4, 1, "f").tr_end(1).bytes(), "cs_file"},
-      {"a storage column without a columnspace", Log().tr_new(1).col_new(4).tr_end(1).bytes(), "bm && cs"},
+      {"a file without a columnspace", Log().tr_new(1).file_new(4, 1, "f").tr_end(1).bytes(),
+       "cs_file"},
+      {"a storage column without a columnspace", Log().tr_new(1).col_new(4).tr_end(1).bytes(),
+       "bm && cs"},
   };
   for (const Case& k : cases) {
     SCOPED_TRACE(k.name);

@@ -35,7 +35,8 @@ class Bc20ValueSpace : public testing::Test {
     bc20_index_register_types();
   }
   bc20_table* table(int64_t id, const char* name, std::vector<int32_t> types) {
-    bc20_colgroup* root = bc20_colgroup_create(bc20_colgroup_logical, int32_t(types.size()), nullptr);
+    bc20_colgroup* root =
+        bc20_colgroup_create(bc20_colgroup_logical, int32_t(types.size()), nullptr);
     bc20_colgroup_set_id(root, id * 100);
     for (size_t c = 0; c < types.size(); c++) {
       bc20_column* col = bc20_column_create(0, types[c]);
@@ -69,7 +70,8 @@ class Bc20ValueSpace : public testing::Test {
   }
   int rebuild(const std::string& payload) {
     int rc = 0;
-    err_ = j480test::err_of([&] { rc = bc20_rebuild_pdt(kTableId, payload.data(), int64_t(payload.size())); });
+    err_ = j480test::err_of(
+        [&] { rc = bc20_rebuild_pdt(kTableId, payload.data(), int64_t(payload.size())); });
     return rc;
   }
   pdt*& wpdt() const { return cat_->write_pdts[nr_]; }

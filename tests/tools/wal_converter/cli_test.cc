@@ -85,7 +85,10 @@ TEST(CommandLine, OptionsEndTheRunWithTheirOwnOutput) {
     std::string out;
     std::vector<std::string> err;
   } cases[] = {
-      {{"--dbfarm", "/nowhere", "--dumplog", "--version", "--bogus", "--dbname"}, 0, version, alone},
+      {{"--dbfarm", "/nowhere", "--dumplog", "--version", "--bogus", "--dbname"},
+       0,
+       version,
+       alone},
       {{"--help"}, 255, usage, alone},
       {{"-h"}, 255, usage, alone},
       {{"--dbfarm=/x"}, 255, usage, alone},
@@ -102,9 +105,14 @@ TEST(CommandLine, OptionsEndTheRunWithTheirOwnOutput) {
       {{"--dbfarm", "/x", "--dbname", ""}, 255, "", no_farm},
       {{"--dumplog"}, 255, "", no_farm},
       {{"--dbfarm", farm.path(), "--dbname", "db1"}, 255, "", missing("db1", farm.path())},
-      {{"--dbfarm", "/a", "--dbname", "x", "--dbfarm", "/b", "--dbname", "y"}, 255, "",
+      {{"--dbfarm", "/a", "--dbname", "x", "--dbfarm", "/b", "--dbname", "y"},
+       255,
+       "",
        missing("y", "/b")},
-      {{"--dbfarm", "--dumplog", "--dbname", "--version"}, 255, "", missing("--version", "--dumplog")},
+      {{"--dbfarm", "--dumplog", "--dbname", "--version"},
+       255,
+       "",
+       missing("--version", "--dumplog")},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
@@ -123,14 +131,17 @@ TEST(RunSequence, AFailedStageSaysWhyAndLeavesTheLogAlone) {
     bool dumplog;
     std::vector<std::string> last;
   } cases[] = {
-      {std::string("\xD2\x04", 2), false,
-       {"# WARN:LOGGER:Empty catalog, not converting.", "ERROR:WAL_CONVERTER:Failed writing 2.5 WAL",
-        kTail}},
+      {std::string("\xD2\x04", 2),
+       false,
+       {"# WARN:LOGGER:Empty catalog, not converting.",
+        "ERROR:WAL_CONVERTER:Failed writing 2.5 WAL", kTail}},
       // tr_new 7, cat_location_del 9, tr_end 7
-      {j480test::LogBytes().head().i32(0).lng(7).i32(29).lng(9).i32(1).lng(7).bytes(), false,
+      {j480test::LogBytes().head().i32(0).lng(7).i32(29).lng(9).i32(1).lng(7).bytes(),
+       false,
        {"ERROR:CBM:failed to replay drop location: no such location_id 9",
         "ERROR:WAL_CONVERTER:Failed replaying 2.0 WAL", kTail}},
-      {j480test::LogBytes().head(0x435257414C000001LL).bytes(), true,  // format 2.5
+      {j480test::LogBytes().head(0x435257414C000001LL).bytes(),
+       true,  // format 2.5
        {"ERROR:LOGGER:Incompatible database version detected, database already converted.", kTail}},
   };
   for (const auto& c : cases) {

@@ -199,9 +199,9 @@ TEST_F(WriteLog, EdgesOfTheList) {
          columnspace_register_file(db.cs, nullptr, nullptr, "f1", 0, 1);
          Db::index(db.table(3, "t", {1}), bc20_idx_uniquekey, 4, "u", nullptr, {Db::column(999)});
        },
-       {"cs_new 0 4096", "cat_table_new 3 t 1", "cat_column_new 301 c1 0 4 6 3", "storage_new 300 3",
-        "scol_new 30 1", "paxgroup_new 310 300 30 3 1 0 4  1", "file_new 1 0 f1",
-        "paxgroup_file_new 310 1 3"},
+       {"cs_new 0 4096", "cat_table_new 3 t 1", "cat_column_new 301 c1 0 4 6 3",
+        "storage_new 300 3", "scol_new 30 1", "paxgroup_new 310 300 30 3 1 0 4  1",
+        "file_new 1 0 f1", "paxgroup_file_new 310 1 3"},
        "ERROR:LOGGER:Column 999 not found in table 't' and table has no join index.\n"},
       {[](Db& db) {
          bc20_table *t = db.table(3, "t"), *u = db.table(4, "u");
