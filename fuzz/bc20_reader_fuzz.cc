@@ -22,23 +22,13 @@
 
 namespace {
 
+using j480fuzz::touch;
+
 const char* const kDesignAssertions[] = {
     "type == bc20_cs_new || type == bc20_cs_new_defaultfile",
     "colgroup_id",
     "colgroup_id && file_nr >= 0",
 };
-
-volatile uint8_t g_sink;
-
-// Reads every byte of a payload the action claims to own.
-void touch(const void* data, int64_t size) {
-  FUZZ_CHECK(size >= 0);
-  FUZZ_CHECK((size == 0) == (data == nullptr));
-  const uint8_t* p = static_cast<const uint8_t*>(data);
-  uint8_t x = 0;
-  for (int64_t i = 0; i < size; i++) x ^= p[i];
-  g_sink = x;
-}
 
 void touch_string(const char* text) {
   FUZZ_CHECK(text != nullptr);
@@ -95,29 +85,20 @@ void check_action(const bc20_action* a) {
   }
 }
 
-// A transaction (rc 1 with a list; none is a failed read) runs from its one tr_new to its tr_end, the last action, with the same
-// trid; only records outside any transaction may stand before the tr_new. What stands after
-// the last tr_end (rc 0) holds neither.
+// A transaction (rc 1 with a list; none is a failed read) runs from its one tr_new to its tr_end,
+// the last action, with the same trid; only records outside any transaction may stand before the
+// tr_new. What stands after the last tr_end (rc 0) holds neither.
 void check_list(int rc, const bc20_action* list) {
   int tr_new = 0, tr_end = 0;
   int64_t trid = 0;
   const bc20_action* last = nullptr;
-  for (const bc20_action* a = list; a != nullptr; a = a->next) {
+  for (const bc20_action* a = list; a != nullptr; last = a, a = a->next) {
     check_action(a);
-    if (a->type == bc20_tr_new) {
-      tr_new++;
-      trid = a->tr_new.trid;
-    } else if (a->type == bc20_tr_end) {
-      tr_end++;
-      FUZZ_CHECK(tr_new == 1 && a->tr_end.trid == trid);
-    }
-    last = a;
+    if (a->type == bc20_tr_new) trid = a->tr_new.trid, tr_new++;
+    if (a->type == bc20_tr_end) FUZZ_CHECK(++tr_end == 1 && tr_new == 1 && a->tr_end.trid == trid);
   }
-  if (rc == 1 && list != nullptr) {
-    FUZZ_CHECK(tr_new == 1 && tr_end == 1 && last->type == bc20_tr_end);
-  } else {
-    FUZZ_CHECK(tr_new == 0 && tr_end == 0);
-  }
+  FUZZ_CHECK(rc == 1 && list != nullptr ? tr_new == 1 && tr_end == 1 && last->type == bc20_tr_end
+                                        : tr_new == 0 && tr_end == 0);
 }
 
 // The version word is read and tested, but the records are read whatever it says.
@@ -137,14 +118,13 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static j480fuzz::InputFile input;
-  input.write(data, size);
+  const char* path = j480fuzz::write_input(data, size);
   try {
-    read_all(input.path(), size);
+    read_all(path, size);
   } catch (const j480fuzz::AcceptedAssertion&) {
     return -1;
   }
-  stream* s = open_binary_read_stream(input.path());
+  stream* s = open_binary_read_stream(path);
   if (s != nullptr) {
     int rc = bc20_bm_logger_print(s, 0);
     FUZZ_CHECK(rc == 0 || rc == -1);

@@ -33,49 +33,23 @@ const char kIndexGroups[] =
     "IMPLIES(scolgroup, scolgroup != cg && scolgroup->owner_kind == BC20_CG_FREE && "
     "(!scolgroup->parent || scolgroup->parent == cg))";
 
-// Broken or repeated references of a log, and the reader's forbidden records.
+// Broken or repeated references of a log.
 const char* const kDesignAssertions[] = {
-    "type == bc20_cs_new || type == bc20_cs_new_defaultfile",
-    "colgroup_id",
+    // the reader's forbidden records
+    "type == bc20_cs_new || type == bc20_cs_new_defaultfile", "colgroup_id",
     "colgroup_id && file_nr >= 0",
-    "c",
-    "cg",
-    "t",
-    "i && t",
-    "icg && j",
-    "table",
-    "reftable",
-    "master_rtbl_nr >= 0",
-    "fk",
-    "cg && cg->logical",
-    "cg && cg->logical && colnames",
-    "cg->owner_kind == BC20_CG_FREE && cg->parent == NULL",
-    kIndexGroups,
-    "c->type",
-    "c->sqltype == NULL",
-    "ncols >= 0",
-    "colgroup_type >= 0 && colgroup_type < nr_of_colgroups",
-    "column_type >= 0 && column_type < nr_of_columns",
-    "idx_type >= 0 && idx_type < nr_of_indices",
-    "table_is_new",
-    "scg",
-    "scol",
-    "scol_unbound",
-    "scg->scol == NULL",
-    "cs_file",
-    "cs_file && scg->file_nr < 0",
-    "cs_file->block_map[nr] == NULL",
-    "nr >= 0 && nr < cs_file->nr_blocks",
-    "cs->default_file_nr == kNoFile || file_nr == kNoFile",
-    "!iobm_get_columnspace(bm)",
-    "bm && cs",
-    "rel_filename",
-    "file_nr >= 0",
-    "cg->columns_size > 0",
-    "cs_file->refcnt >= 0",
-    "cs_file->refcnt == 0",
-    "c->refcnt >= 0",
-    "index->table == NULL",
+    // catalog references
+    "c", "cg", "t", "i && t", "icg && j", "table", "reftable", "master_rtbl_nr >= 0", "fk",
+    "cg && cg->logical", "cg && cg->logical && colnames", "c->type", "c->sqltype == NULL",
+    "cg->owner_kind == BC20_CG_FREE && cg->parent == NULL", kIndexGroups, "ncols >= 0",
+    "colgroup_type >= 0 && colgroup_type < nr_of_colgroups", "table_is_new",
+    "column_type >= 0 && column_type < nr_of_columns", "index->table == NULL",
+    "idx_type >= 0 && idx_type < nr_of_indices", "cg->columns_size > 0", "c->refcnt >= 0",
+    // storage references
+    "scg", "scol", "scol_unbound", "scg->scol == NULL", "cs_file", "cs_file && scg->file_nr < 0",
+    "cs_file->block_map[nr] == NULL", "nr >= 0 && nr < cs_file->nr_blocks", "bm && cs",
+    "cs->default_file_nr == kNoFile || file_nr == kNoFile", "!iobm_get_columnspace(bm)",
+    "rel_filename", "file_nr >= 0", "cs_file->refcnt >= 0", "cs_file->refcnt == 0",
 };
 
 cvconfig* g_config = nullptr;

@@ -17,36 +17,20 @@
 
 namespace {
 
+using j480fuzz::touch;
+
 const char* const kDesignAssertions[] = {"paxgroup_id && file_nr >= 0"};
-
-volatile uint8_t g_sink;
-
-void touch(const void* data, int64_t size) {
-  FUZZ_CHECK(size >= 0);
-  FUZZ_CHECK((size == 0) == (data == nullptr));
-  const uint8_t* p = static_cast<const uint8_t*>(data);
-  uint8_t x = 0;
-  for (int64_t i = 0; i < size; i++) x ^= p[i];
-  g_sink = x;
-}
 
 // Names of every limited kind are shorter than the read buffer.
 const char* name_of(const bm_logger_action* a) {
   switch (a->type) {
-    case BM_CAT_TABLE_NEW:
-      return a->cat_table_new.name;
-    case BM_CAT_COLUMN_NEW:
-      return a->cat_column_new.name;
-    case BM_CAT_INDEX_NEW:
-      return a->cat_index_new.name;
-    case BM_FILE_NEW:
-      return a->file_new.filename;
-    case BM_CAT_LOCATION_NEW:
-      return a->cat_location_new.name;
-    case BM_CAT_KEY_NEW:
-      return a->cat_key_new.name;
-    default:
-      return "";
+    case BM_CAT_TABLE_NEW: return a->cat_table_new.name;
+    case BM_CAT_COLUMN_NEW: return a->cat_column_new.name;
+    case BM_CAT_INDEX_NEW: return a->cat_index_new.name;
+    case BM_FILE_NEW: return a->file_new.filename;
+    case BM_CAT_LOCATION_NEW: return a->cat_location_new.name;
+    case BM_CAT_KEY_NEW: return a->cat_key_new.name;
+    default: return "";
   }
 }
 
@@ -81,8 +65,10 @@ void check_action(const bm_logger_action* a) {
       FUZZ_CHECK(f.ncols >= 0 && f.file_nr == 0 && f.cols != nullptr);
       for (int64_t i = 0; i < f.ncols; i++) {
         FUZZ_CHECK(ptype_by_id(f.cols->adt_id[i]) != nullptr);
-        g_sink = static_cast<uint8_t>(strlen(f.cols->compression[i]) + f.cols->nullability[i] +
-                                      f.cols->implementation[i]);
+        const char* compression = f.cols->compression[i];
+        touch(compression, static_cast<int64_t>(strlen(compression)) + 1);
+        touch(&f.cols->nullability[i], sizeof f.cols->nullability[i]);
+        touch(&f.cols->implementation[i], sizeof f.cols->implementation[i]);
       }
       break;
     }
@@ -129,15 +115,14 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static j480fuzz::InputFile input;
-  input.write(data, size);
+  const char* path = j480fuzz::write_input(data, size);
   try {
-    read_all(input.path(), size);
+    read_all(path, size);
   } catch (const j480fuzz::AcceptedAssertion&) {
     return -1;
   }
   // The dump reads the same records in the same order, so it runs on inputs the reader passed.
-  stream* s = open_binary_read_stream(input.path());
+  stream* s = open_binary_read_stream(path);
   if (s != nullptr) {
     FUZZ_CHECK(bm_logger_print(s, 0) == 0);
     stream_close_destroy(s);

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
+#include <sstream>
 #include <string>
 
 #include "fuzz_support.h"
@@ -123,16 +124,12 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::string input(reinterpret_cast<const char*>(data), size);
+  std::istringstream lines(std::string(reinterpret_cast<const char*>(data), size));
   Session session;
-  size_t pos = 0;
-  for (int n = 0; n < 256 && pos <= input.size(); n++) {
-    size_t end = input.find('\n', pos);
-    if (end == std::string::npos) end = input.size();
-    std::string line = input.substr(pos, end - pos);
+  std::string line;
+  for (int n = 0; n < 256 && std::getline(lines, line); n++) {
     line.resize(strlen(line.c_str()));  // the parsers take zero-terminated text
     session.run(line);
-    pos = end + 1;
   }
   return 0;
 }

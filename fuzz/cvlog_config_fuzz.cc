@@ -6,13 +6,13 @@
 // private directory of this process, and every '/' of the text becomes '_', so that whatever
 // file name the text gives resolves inside that directory; the log file is removed after each
 // input. Run the engine with -close_fd_mask=3: the text may route lines to the consoles.
-#include <dirent.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "fuzz_support.h"
@@ -24,19 +24,15 @@ char g_dir[] = "/tmp/j480_cvlog_fuzz.XXXXXX";
 std::string g_conf;  // <dir>/cvlog.conf
 
 void empty_dir() {
-  DIR* d = opendir(g_dir);
-  if (d == nullptr) return;
-  while (dirent* e = readdir(d)) {
-    if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
-    unlink((std::string(g_dir) + "/" + e->d_name).c_str());
-  }
-  closedir(d);
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator(g_dir, ec))
+    std::filesystem::remove(e.path(), ec);
 }
 
 void remove_dir() {
   cv_log_reset_for_tests();
-  empty_dir();
-  rmdir(g_dir);
+  std::error_code ec;
+  std::filesystem::remove_all(g_dir, ec);
 }
 
 // The tables the parse left must be well formed whatever the text was.

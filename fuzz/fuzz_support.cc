@@ -11,26 +11,17 @@
 
 namespace j480fuzz {
 
-InputFile::InputFile() {
-  fd_ = memfd_create("j480_fuzz_input", MFD_CLOEXEC);
-  if (fd_ < 0) {
-    perror("memfd_create");
-    abort();
-  }
-  snprintf(path_, sizeof path_, "/proc/self/fd/%d", fd_);
-}
-
-InputFile::~InputFile() { close(fd_); }
-
-void InputFile::write(const void* data, size_t size) {
-  if (ftruncate(fd_, 0) != 0) abort();
-  const char* p = static_cast<const char*>(data);
-  size_t done = 0;
-  while (done < size) {
-    ssize_t n = pwrite(fd_, p + done, size - done, static_cast<off_t>(done));
+const char* write_input(const void* data, size_t size) {
+  static const int fd = memfd_create("j480_fuzz_input", MFD_CLOEXEC);
+  static char path[64];
+  if (fd < 0 || ftruncate(fd, 0) != 0) abort();
+  snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+  for (size_t done = 0; done < size;) {
+    ssize_t n = pwrite(fd, static_cast<const char*>(data) + done, size - done, off_t(done));
     if (n <= 0) abort();
     done += static_cast<size_t>(n);
   }
+  return path;
 }
 
 void quiet_logger() {

@@ -1,7 +1,7 @@
 // fuzz_support: what the fuzz targets share.
 //
 // A per-process input file (a memory file reached by a path) for readers that open files by name,
-// a logger configuration that sends every level to /dev/null, and a pass-through of the system's
+// a check that reads every byte of a payload, a logger configuration that sends every level to /dev/null, and a pass-through of the system's
 // assertion that lets one target accept named assertion texts as a defined end of its input.
 // Owns the input file for the life of the process; owns nothing it returns.
 #ifndef J480_FUZZ_FUZZ_SUPPORT_H
@@ -21,27 +21,25 @@
 
 namespace j480fuzz {
 
-// The bytes of the current input in a memory file behind a fixed path of this process. `write`
-// replaces the content; `path` stays the same for every input.
-class InputFile {
- public:
-  InputFile();
-  ~InputFile();
-  InputFile(const InputFile&) = delete;
-  InputFile& operator=(const InputFile&) = delete;
-
-  void write(const void* data, size_t size);
-  const char* path() const { return path_; }
-
- private:
-  int fd_ = -1;
-  char path_[64] = {};
-};
+// Replaces the content of this process's input file (a memory file) with `size` bytes of `data`
+// and returns its path, the same for every input.
+const char* write_input(const void* data, size_t size);
 
 // Starts the logger again with every facility at TRACE into /dev/null only, so that each
 // message is formatted and written but nothing reaches the consoles or the working directory.
 // With J480_FUZZ_VERBOSE set in the environment the lines go to standard error instead.
 void quiet_logger();
+
+// Reads every byte of a payload that a record claims to own: none at a null pointer, some at any
+// other.
+inline volatile uint8_t touch_sink;
+inline void touch(const void* data, int64_t size) {
+  FUZZ_CHECK(size >= 0);
+  FUZZ_CHECK((size == 0) == (data == nullptr));
+  uint8_t x = 0;
+  for (int64_t i = 0; i < size; i++) x ^= static_cast<const uint8_t*>(data)[i];
+  touch_sink = x;
+}
 
 // Thrown in place of the abort of a failed assertion whose text was accepted.
 struct AcceptedAssertion {
@@ -55,7 +53,8 @@ void accept_assertions(const char* const* exprs, int count);
 // A log read as the dump drives its reader, with one context per transaction as the replay has
 // it: `read_version(s)`, then `read_transaction(mem, s, &list)` for as long as it returns 1,
 // each result handed to `check(rc, list)`. A call that returns 1 consumes at least one tag or
-// meets a read error that ends the loop, so the loop is bounded by the input's size. An accepted assertion leaves nothing open behind it.
+// meets a read error that ends the loop, so the loop is bounded by the input's size. An accepted
+// assertion leaves nothing open behind it.
 template <class List, class ReadVersion, class ReadTransaction, class Check>
 void read_log(const char* path, size_t size, ReadVersion read_version,
               ReadTransaction read_transaction, Check check) {
