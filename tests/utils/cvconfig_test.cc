@@ -17,27 +17,19 @@ namespace {
 using j480test::err_of;
 using j480test::Esc;
 
-prop_value L(int64_t v) {
-  prop_value p;
-  p.l = v;
-  return p;
-}
+prop_value L(int64_t v) { return prop_value{.l = v}; }
 
 bool HasError(const std::string& err, const std::string& text) {
   return err.find("ERROR:CVCONFIG:" + text) != std::string::npos;
 }
 
+// A command-line layer over the defaults.
 class CvconfigTest : public testing::Test {
  protected:
-  void SetUp() override {
-    root_ = cvconfig_create();
-    defaults_ = cvconfig_defaults(root_);
-    cmdline_ = cvconfig_layer_create(nullptr, "cmdline", defaults_);
-  }
-  void TearDown() override { cvconfig_destroy(root_); }
-  cvconfig* root_ = nullptr;
-  cvconfig_layer* defaults_ = nullptr;
-  cvconfig_layer* cmdline_ = nullptr;
+  ~CvconfigTest() override { cvconfig_destroy(root_); }
+  cvconfig* root_ = cvconfig_create();
+  cvconfig_layer* defaults_ = cvconfig_defaults(root_);
+  cvconfig_layer* cmdline_ = cvconfig_layer_create(nullptr, "cmdline", defaults_);
 };
 
 using CvconfigDeathTest = CvconfigTest;
@@ -45,16 +37,14 @@ using CvconfigDeathTest = CvconfigTest;
 }  // namespace
 
 TEST(CvconfigParse, SizeTextsWithUnitsFractionsAndExponents) {
-  struct Case {
-    const char* text;
-    int64_t value;
-  } ok[] = {{"1.5K", 1536}, {"10 mb", 10485760}, {"1T", 1099511627776LL},
-            {"1tb", 1099511627776LL}, {"-1", -1}, {"1e3", 1000}, {"0.25e1k", 2560},
-            {" 16 K ", 16384}, {"7kB", 7168}, {"2147483648", 2147483648LL}, {"3g", 3221225472LL}};
-  for (const Case& c : ok) {
+  const std::pair<const char*, int64_t> ok[] = {
+      {"1.5K", 1536}, {"10 mb", 10485760}, {"1T", 1099511627776LL}, {"1tb", 1099511627776LL},
+      {"-1", -1}, {"1e3", 1000}, {"0.25e1k", 2560}, {" 16 K ", 16384}, {"7kB", 7168},
+      {"2147483648", 2147483648LL}, {"3g", 3221225472LL}};
+  for (const auto& [text, value] : ok) {
     int64_t v = 77;
-    EXPECT_EQ(cvconfig_parse_size(c.text, &v), 1) << c.text;
-    EXPECT_EQ(v, c.value) << c.text;
+    EXPECT_EQ(cvconfig_parse_size(text, &v), 1) << text;
+    EXPECT_EQ(v, value) << text;
   }
   for (const char* bad : {"1t b", "K", "10X", "", "1KBB", "5 k x", "1e400"}) {
     int64_t v = 77;
@@ -80,9 +70,7 @@ TEST_F(CvconfigTest, RangeAndPowerOfTwoValidators) {
   // `port` of server and client: two properties, one validator.
   EXPECT_EQ(lng(CVGROUP_SERVER, CVPROP_PORT, 1000), 1);
   EXPECT_EQ(lng(CVGROUP_CLIENT, CVPROP_CLIENT_PORT, 2000), 1);
-  prop_value d;
-  d.d = 4.7;
-  EXPECT_EQ(cvconf_validate_power2(PROP_TPE_DBL, d), 1);  // doubles truncate first
+  EXPECT_EQ(cvconf_validate_power2(PROP_TPE_DBL, prop_value{.d = 4.7}), 1);  // doubles truncate
   std::string err = err_of([&] {
     EXPECT_EQ(lng(CVGROUP_CBM, CVPROP_BLOCK_SIZE, 768 * 1024), 0);
     EXPECT_EQ(lng(CVGROUP_CBM, CVPROP_BUFFERPOOL_SIZE, 0), 0);

@@ -8,6 +8,7 @@
 #include <functional>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/test_support.h"
@@ -15,15 +16,20 @@
 
 namespace {
 
-using j480test::err_of;
-using j480test::out_of;
-using j480test::read_file;
-using j480test::write_file;
+using j480test::err_of, j480test::out_of, j480test::read_file, j480test::write_file;
 
 class CvLog : public testing::Test {
  protected:
   void use(const char* config) { log_.use(config); }
   static int level_of(const char* module) { return cv_log_find_facility(module)->level; }
+  // What the logger reads as its configuration, after a restart.
+  static std::string config_text() {
+    cv_log_reset_for_tests();
+    char* text = logger_get_config();
+    std::string copy = text;
+    free(text);
+    return copy;
+  }
 
   j480test::LogCapture log_;
 };
@@ -31,9 +37,9 @@ class CvLog : public testing::Test {
 // ---- Decoration of a line ----
 
 // Per configuration, what lines reach standard error and standard output: levels, level names,
-// colours on the sinks that have the flag, and a message cleaned into one line, or emptied when it
-// doesn't fit.
-TEST_F(CvLog, LinesAreDecoratedPerSinkAndCleanedIntoOneLine) {
+// colours on the sinks that have the flag, a message cleaned into one line, or emptied when it
+// doesn't fit, and a line built in pieces.
+TEST_F(CvLog, LinesAreDecoratedPerSinkCleanedIntoOneLineAndBuiltInPieces) {
   static const std::string fits(CV_LOG_BUFFER_SIZE - 1, 'x'), too_long(CV_LOG_BUFFER_SIZE, 'x');
   auto every_level = [] {
     for (int level = CV_LOG_ERROR; level <= CV_LOG_TRACE; level++) CV_LOG("M", level, "l%d", level);
@@ -73,6 +79,23 @@ TEST_F(CvLog, LinesAreDecoratedPerSinkAndCleanedIntoOneLine) {
       {"default=stdout", [] { CV_INFO("A", "%s", ""); }, "", "#A:\x1b[m"},
       {nullptr, [] { CV_ERROR("A", "%s", fits.c_str()); }, "ERROR:A:" + fits + "\n", ""},
       {nullptr, [] { CV_ERROR("A", "%s", too_long.c_str()); }, "ERROR:A:", ""},
+      {"CBM=debug",
+       [] {  // a line in pieces, and the level filter
+         EXPECT_TRUE(cv_log_enabled("CBM", CV_LOG_DEBUG));
+         EXPECT_FALSE(cv_log_enabled("CBM", CV_LOG_TRACE));
+         EXPECT_FALSE(cv_log_enabled("PDT", CV_LOG_DEBUG));
+         cv_log_line rec;
+         cv_log_begin(__FILE__, __LINE__, &rec, "CBM", CV_LOG_DEBUG);
+         cv_log_append(&rec, "a=%d", 1);
+         cv_log_append(&rec, ", b=%s\n", "two");
+         cv_log_end(&rec);
+         EXPECT_EQ(rec.buffer, nullptr);
+         cv_log_begin(__FILE__, __LINE__, &rec, "PDT", CV_LOG_DEBUG);
+         EXPECT_EQ(rec.buffer, nullptr);
+         cv_log_append(&rec, "dropped");
+         cv_log_end(&rec);
+       },
+       "#CBM:a=1, b=two\n", ""},
   };
   for (const auto& c : cases) {
     use(c.config);
@@ -117,51 +140,40 @@ TEST_F(CvLog, ConfigurationSourcesInTheirOrder) {
     cv_log_reset_for_tests();
     EXPECT_EQ(level_of(nullptr), CV_LOG_ERROR);  // HOME in place of USERPROFILE
   }
-  setenv("CVLOG_DIRECTORY", dir.path().c_str(), 1);
-  cv_log_reset_for_tests();
-  EXPECT_EQ(level_of(nullptr), CV_LOG_TRACE);  // the directory wins over the profile
-  setenv("CVLOG_CONFIGFILE", dir.file("missing").c_str(), 1);
-  cv_log_reset_for_tests();
-  EXPECT_EQ(level_of(nullptr), CV_LOG_TRACE);  // a file that doesn't open doesn't count
-  setenv("CVLOG_CONFIGFILE", dir.file("empty").c_str(), 1);
-  cv_log_reset_for_tests();
-  EXPECT_EQ(level_of(nullptr), CV_LOG_TRACE);  // nor does an empty one
+  // The directory wins over the profile; a file that doesn't open, or is empty, doesn't count.
+  const std::pair<const char*, std::string> steps[] = {
+      {"CVLOG_DIRECTORY", dir.path()}, {"CVLOG_CONFIGFILE", dir.file("missing")},
+      {"CVLOG_CONFIGFILE", dir.file("empty")}};
+  for (const auto& [name, value] : steps) {
+    setenv(name, value.c_str(), 1);
+    cv_log_reset_for_tests();
+    EXPECT_EQ(level_of(nullptr), CV_LOG_TRACE) << name << "=" << value;
+  }
   setenv("CVLOG_CONFIGFILE", dir.file("cf").c_str(), 1);
-  cv_log_reset_for_tests();
+  EXPECT_EQ(config_text(), "default=debug\n");
   EXPECT_EQ(level_of(nullptr), CV_LOG_DEBUG);
-  char* text = logger_get_config();
-  EXPECT_STREQ(text, "default=debug\n");
-  free(text);
   // A file is read as text: only a carriage return before a line feed goes.
   write_file(dir.file("cf"), "\r\rdefault=error\r\n#a\rb\r\r\n\r");
-  cv_log_reset_for_tests();
-  text = logger_get_config();
-  EXPECT_STREQ(text, "\r\rdefault=error\n#a\rb\r\n\r");
-  free(text);
+  EXPECT_EQ(config_text(), "\r\rdefault=error\n#a\rb\r\n\r");
   use("");  // an empty CVLOG is still used: defaults, no file looked for
   EXPECT_EQ(level_of(nullptr), CV_LOG_INFO);
-  text = logger_get_config();
-  EXPECT_STREQ(text, "");
-  free(text);
+  EXPECT_EQ(config_text(), "");
 }
 
 TEST_F(CvLog, ParseErrorReportsItsLineAndKeepsWhatWasParsed) {
-  struct {
-    const char* config;
-    int line;
-    int cbm_level;  // CBM's level afterwards: items before the error stay in force
-  } cases[] = {
+  // The text, the line of the error, and CBM's level afterwards: items before the error stay.
+  const std::tuple<const char*, int, int> cases[] = {
       {"CBM=debug\nstdout=bogus", 2, 3}, {"CBM=debug,PDT", 2, 3},      {"=debug", 1, 2},
       {"CBM=debug:nocolor", 1, 2},       {"\n\n# c\nCBM=debug x", 4, 3},
       {"CBM=debug\nfilename", 2, 3},     {"CBM=debug\nstdout=pid:", 2, 3},
       {"CBM=debug\nfacility", 2, 3},     {"CBM=debug:", 1, 2},        {"CBM debug", 1, 2},
   };
-  for (const auto& c : cases) {
-    use(c.config);
+  for (const auto& [config, line, cbm_level] : cases) {
+    use(config);
     EXPECT_EQ(out_of([] { cv_log_facility_count(); }),
-              "error parsing configuration logger at line " + std::to_string(c.line) + "\n")
-        << c.config;
-    EXPECT_EQ(level_of("CBM"), c.cbm_level) << c.config;
+              "error parsing configuration logger at line " + std::to_string(line) + "\n")
+        << config;
+    EXPECT_EQ(level_of("CBM"), cbm_level) << config;
   }
   std::string config;  // the 128th facility is a parse error
   for (int i = 0; i < 128; i++) config += "F" + std::to_string(i) + "=debug\n";
@@ -216,28 +228,6 @@ TEST_F(CvLog, FileSinkAppendsToItsFileInTheLogDirectoryOrTheWorkingDirectory) {
   cv_log_reset_for_tests();
   EXPECT_TRUE(j480test::exists(work.file("corvane.log")));
   ASSERT_EQ(chdir(cwd), 0);
-}
-
-// ---- Pieces, filters, transactions ----
-
-TEST_F(CvLog, LineInPiecesAndLevelFilter) {
-  use("CBM=debug");
-  EXPECT_TRUE(cv_log_enabled("CBM", CV_LOG_DEBUG));
-  EXPECT_FALSE(cv_log_enabled("CBM", CV_LOG_TRACE));
-  EXPECT_FALSE(cv_log_enabled("PDT", CV_LOG_DEBUG));
-  std::string err = err_of([] {
-    cv_log_line rec;
-    cv_log_begin(__FILE__, __LINE__, &rec, "CBM", CV_LOG_DEBUG);
-    cv_log_append(&rec, "a=%d", 1);
-    cv_log_append(&rec, ", b=%s\n", "two");
-    cv_log_end(&rec);
-    EXPECT_EQ(rec.buffer, nullptr);
-    cv_log_begin(__FILE__, __LINE__, &rec, "PDT", CV_LOG_DEBUG);
-    EXPECT_EQ(rec.buffer, nullptr);
-    cv_log_append(&rec, "dropped");
-    cv_log_end(&rec);
-  });
-  EXPECT_EQ(err, "#CBM:a=1, b=two\n");
 }
 
 // ---- Assertions ----

@@ -2,11 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
-#include <string>
 #include <thread>
 
-#include "support/test_support.h"
 #include "utils/context.h"
 #include "utils/j480_error.h"
 #include "utils/longjmp_ctx.h"
@@ -32,8 +29,11 @@ struct Witness {
 
 }  // namespace
 
-TEST(LongjmpCtx, NestedFramesCatchInnerFirstThenOuterAfterThePop) {
-  Env e;
+// Nested frames catch the inner jump first, then the outer one after the pop. A jump through
+// another environment passes a frame: that frame leaves no entry behind, and a jump with code 0
+// still takes the failure path (a frame reads 0 as "no jump").
+TEST(LongjmpCtx, NestedFramesCatchInnerFirstAPassedFramePopsItsEntryAndCodeZeroReadsAsOne) {
+  Env e, other;
   int destroyed = 0;
   int inner_code = -1;
   int outer_code = longjmp_ctx_run(&e.env, [&] {
@@ -51,19 +51,14 @@ TEST(LongjmpCtx, NestedFramesCatchInnerFirstThenOuterAfterThePop) {
   EXPECT_EQ(e.env.top, nullptr);
   EXPECT_EQ(longjmp_ctx_run(&e.env, [] {}), 0);
   EXPECT_EQ(e.env.top, nullptr);
-}
 
-// A jump through another environment passes a frame: that frame leaves no entry behind, and a
-// jump with code 0 still takes the failure path (a frame reads 0 as "no jump").
-TEST(LongjmpCtx, FramePassedByAnOuterJumpPopsItsEntryAndCodeZeroReadsAsOne) {
-  Env outer, inner;
-  int code = longjmp_ctx_run(&outer.env, [&] {
-    longjmp_ctx_run(&inner.env, [&] { longjmp_ctx_jump(&outer.env, 2); });
+  int code = longjmp_ctx_run(&e.env, [&] {
+    longjmp_ctx_run(&other.env, [&] { longjmp_ctx_jump(&e.env, 2); });
   });
   EXPECT_EQ(code, 2);
-  EXPECT_EQ(inner.env.top, nullptr);
-  EXPECT_EQ(outer.env.top, nullptr);
-  EXPECT_EQ(longjmp_ctx_run(&inner.env, [&] { longjmp_ctx_jump(&inner.env, 0); }), 1);
+  EXPECT_EQ(other.env.top, nullptr);
+  EXPECT_EQ(e.env.top, nullptr);
+  EXPECT_EQ(longjmp_ctx_run(&other.env, [&] { longjmp_ctx_jump(&other.env, 0); }), 1);
 }
 
 // Two threads on one environment with interleaved frames: each jump and each pop takes the
@@ -109,67 +104,50 @@ static void jump_twice(longjmp_env* env) {
   longjmp_ctx_jump(env, 1);
 }
 
-TEST(LongjmpCtxDeathTest, JumpOrPopWithoutAFrameAndASecondJumpThroughAnUnpoppedEntryAssert) {
+TEST(LongjmpCtxDeathTest, JumpOrPopWithoutAFrameASecondJumpAndAParameterOutsideTheRecordAssert) {
   Env e;
   EXPECT_DEATH(longjmp_ctx_jump(&e.env, 2), "assertion \"ljc != NULL\" failed");
   EXPECT_DEATH(longjmp_ctx_jump(nullptr, 2), "assertion \"ljc != NULL\" failed");
   EXPECT_DEATH(longjmp_ctx_pop(&e.env), "assertion \"deleted != NULL\" failed");
   EXPECT_DEATH(jump_twice(&e.env), "assertion \"ljc->jumped == FALSE\" failed");
+  j480_error* err = error_create(e.mem, 12, 1);
+  EXPECT_DEATH(error_set_param(err, e.mem, 1, "x"),
+               "assertion \"num < error->num_err_params\" failed");
+  EXPECT_DEATH(error_set_param(err, e.mem, -1, "x"), "assertion \"num >= 0\" failed");
 }
 
-TEST(J480Error, TableHoldsEveryCodeAndFormatsParameters) {
+TEST(J480Error, TableHoldsEveryCodeRecordsFormatParametersAndAddErrorAppends) {
   EXPECT_STREQ(error_template(0), "No error.");
   EXPECT_NE(error_template(J480_NUM_ERRORS - 1), nullptr);
   EXPECT_EQ(error_template(J480_NUM_ERRORS), nullptr);
   EXPECT_EQ(error_template(-1), nullptr);
+  Env e;
+  const int32_t code = 67;  // "Table '%0' and table '%1' not equal in structure."
+  j480_error* two = error_create(e.mem, code, 2);
+  error_set_param(two, e.mem, 0, "t1");
+  error_set_param(two, e.mem, 1, "t2");
+  EXPECT_STREQ(error_to_string(e.mem, two), "Table 't1' and table 't2' not equal in structure.");
+  j480_error* one = error_create(e.mem, code, 1);
+  error_set_param(one, e.mem, 0, "t1");
+  EXPECT_STREQ(error_to_string(e.mem, one), "Table 't1' and table '' not equal in structure.");
+  EXPECT_EQ(error_message_size(error_create(e.mem, 0, 0)), int64_t{sizeof "No error."});
 
-  MemContext* mem = mem_context_create(nullptr, "error_test");
-  // Find the template with two table parameters.
-  int32_t code = -1;
-  for (int32_t i = 0; i < J480_NUM_ERRORS; i++)
-    if (strcmp(error_template(i), "Table '%0' and table '%1' not equal in structure.") == 0)
-      code = i;
-  ASSERT_GE(code, 0);
-  j480_error* two = error_create(mem, code, 2);
-  error_set_param(two, mem, 0, "t1");
-  error_set_param(two, mem, 1, "t2");
-  EXPECT_STREQ(error_to_string(mem, two), "Table 't1' and table 't2' not equal in structure.");
-  j480_error* one = error_create(mem, code, 1);
-  error_set_param(one, mem, 0, "t1");
-  EXPECT_STREQ(error_to_string(mem, one), "Table 't1' and table '' not equal in structure.");
-
-  j480_error* none = error_create(mem, 0, 0);
-  EXPECT_EQ(error_message_size(none), static_cast<int64_t>(strlen("No error.")) + 1);
-  mem_context_remove(mem);
-}
-
-TEST(J480Error, AddErrorAppendsAfterDroppingOkUnlessErrorsAreIgnored) {
-  MemContext* mem = mem_context_create(nullptr, "error_test");
+  // add_error appends after dropping an OK record, unless errors are ignored.
   exec_context ctx;
-  ctx.mem = mem;
+  ctx.mem = e.mem;
   ctx.ignore_errors = 0;
-  ctx.errors = error_create(mem, J480_OK, 0);
+  ctx.errors = error_create(e.mem, J480_OK, 0);
   const char* params[] = {"42"};
   add_error(&ctx, "TEST", 12, 1, params);
   add_error(&ctx, "TEST", 1, 0, nullptr);
   ASSERT_NE(ctx.errors, nullptr);
   EXPECT_EQ(ctx.errors->code, 12);
-  EXPECT_STREQ(error_to_string(mem, ctx.errors), "Integer '42' out of range.");
+  EXPECT_STREQ(error_to_string(e.mem, ctx.errors), "Integer '42' out of range.");
   ASSERT_NE(ctx.errors->next, nullptr);
   EXPECT_EQ(ctx.errors->next->code, 1);
   EXPECT_EQ(ctx.errors->next->next, nullptr);
-
   ctx.ignore_errors = 1;
   add_error(&ctx, "TEST", 1, 0, nullptr);
   EXPECT_EQ(ctx.errors->next->next, nullptr);
   add_error(nullptr, "TEST", 1, 0, nullptr);
-  mem_context_remove(mem);
-}
-
-TEST(J480ErrorDeathTest, ParameterOutsideTheRecordAsserts) {
-  MemContext* mem = mem_context_create(nullptr, "error_test");
-  j480_error* e = error_create(mem, 12, 1);
-  EXPECT_DEATH(error_set_param(e, mem, 1, "x"), "assertion \"num < error->num_err_params\" failed");
-  EXPECT_DEATH(error_set_param(e, mem, -1, "x"), "assertion \"num >= 0\" failed");
-  mem_context_remove(mem);
 }

@@ -1,17 +1,19 @@
 // Memory contexts: accounting against a model, area and block rules, limits, failure paths,
-// removal and the string helpers.
+// removal and the string helpers; the system account: start-up from the configuration, grants.
 #include "utils/mem.h"
 
 #include <gtest/gtest.h>
-
-#include "support/test_support.h"
+#include <unistd.h>
 
 #include <functional>
 #include <map>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "support/test_support.h"
+#include "utils/cvconfig.h"
 #include "utils/cvlog.h"
 #include "utils/longjmp_ctx.h"
 #include "utils/posix.h"
@@ -19,33 +21,37 @@
 
 namespace {
 
-using j480test::err_of;
+using j480test::err_of, j480test::Esc, testing::IsSubstring;
 
 constexpr uint64_t MiB = 1024 * 1024;
 
-// Saves the process-wide memory state a test changes, and restores it.
+// Saves the process-wide memory state a test changes, and restores it; a root context per test.
 class MemTest : public testing::Test {
  protected:
+  static auto account() {
+    return std::tie(g_system_account.maxMem, g_system_account.maxVM, g_system_account.curMem,
+                    g_system_account.curVM, g_system_account.maxTrans);
+  }
   void SetUp() override {
-    std::lock_guard<std::mutex> lock(g_system_account.lock);
-    saved_mem_ = g_system_account.maxMem;
-    saved_vm_ = g_system_account.maxVM;
-    saved_cur_mem_ = g_system_account.curMem;
-    saved_cur_vm_ = g_system_account.curVM;
+    {
+      std::lock_guard<std::mutex> lock(g_system_account.lock);
+      saved_ = account();
+    }
     saved_settings_ = g_system_memory;
     saved_platform_ = g_system_platform;
-    cv_log_enabled("MEMCONTEXT",
-                   CV_LOG_INFO);  // the logger reads its files before faults are armed
+    for (const char* facility : {"MEMCONTEXT", "SYSTEM"})
+      cv_log_enabled(facility, CV_LOG_INFO);  // the logger reads its files before faults are armed
     root_ = mem_context_create(nullptr, "mem_test");
   }
   void TearDown() override {
     px_fault_disarm();
-    if (root_) mem_context_remove(root_);
+    mem_context_remove(root_);
     std::lock_guard<std::mutex> lock(g_system_account.lock);
-    EXPECT_EQ(g_system_account.curMem, saved_cur_mem_) << "a share was not handed back";
-    EXPECT_EQ(g_system_account.curVM, saved_cur_vm_) << "a share was not handed back";
-    g_system_account.maxMem = saved_mem_;
-    g_system_account.maxVM = saved_vm_;
+    if (handback_checked_) {
+      EXPECT_EQ(std::get<2>(account()), std::get<2>(saved_)) << "a share was not handed back";
+      EXPECT_EQ(std::get<3>(account()), std::get<3>(saved_)) << "a share was not handed back";
+    }
+    account() = saved_;
     g_system_memory = saved_settings_;
     g_system_platform = saved_platform_;
   }
@@ -60,13 +66,12 @@ class MemTest : public testing::Test {
   }
 
   MemContext* root_ = nullptr;
-  uint64_t saved_mem_ = 0, saved_vm_ = 0, saved_cur_mem_ = 0, saved_cur_vm_ = 0;
+  bool handback_checked_ = true;
+  std::tuple<uint64_t, uint64_t, uint64_t, uint64_t, uint64_t> saved_;
   system_memory_settings saved_settings_{};
   system_platform saved_platform_{};
 };
 using MemDeathTest = MemTest;
-
-using j480test::Esc;
 
 uint8_t pattern(uint32_t seed, uint64_t i) {
   return static_cast<uint8_t>(seed + i * 31 + (i >> 8));
@@ -95,7 +100,7 @@ int live_blocks(const MemContext* ctx) {
 
 // ---- Randomized operations against a model ----
 
-struct ModelBlock {
+struct ModelBlock {  // a live block, the seed of its content, and the index of its context
   void* p;
   uint64_t size;
   uint32_t seed;
@@ -103,16 +108,11 @@ struct ModelBlock {
 };
 
 struct Model {
-  std::vector<MemContext*> ctxs;  // index 0 is the test's root
+  std::vector<MemContext*> ctxs;  // index 0 is the test's root; a child comes after its parent
   std::vector<int> parent;        // -1 for the root, -2 once removed
   std::vector<ModelBlock> blocks;
 
   bool removed(int i) const { return parent[i] == -2; }
-  bool in_subtree(int i, int top) const {
-    for (; i >= 0; i = parent[i])
-      if (i == top) return true;
-    return false;
-  }
 };
 
 void run_random(MemContext* root, uint32_t seed, int steps) {
@@ -152,10 +152,8 @@ void run_random(MemContext* root, uint32_t seed, int steps) {
           zeroed ? mem_callocex(m.ctxs[c], size, flags) : mem_mallocex(m.ctxs[c], size, flags);
       ASSERT_NE(p, nullptr);
       ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % J480_ALIGN, 0u);
-      if (zeroed) {
-        const auto* b = static_cast<const uint8_t*>(p);
-        for (uint64_t i = 0; i < size; i++) ASSERT_EQ(b[i], 0) << "calloc byte " << i;
-      }
+      const auto* z = static_cast<const uint8_t*>(p);
+      for (uint64_t i = 0; zeroed && i < size; i++) ASSERT_EQ(z[i], 0) << "calloc byte " << i;
       fill(p, size, ++next_seed);
       m.blocks.push_back({p, size, next_seed, c});
     } else if (op < 60) {  // free
@@ -172,10 +170,8 @@ void run_random(MemContext* root, uint32_t seed, int steps) {
       ASSERT_NE(p, nullptr);
       ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % J480_ALIGN, 0u);
       ASSERT_TRUE(intact(p, b.size, b.seed)) << "realloc lost the contents";
-      if (ex) {
-        const auto* t = static_cast<const uint8_t*>(p);
-        for (uint64_t i = b.size; i < size; i++) ASSERT_EQ(t[i], 0) << "tail byte " << i;
-      }
+      const auto* t = static_cast<const uint8_t*>(p);
+      for (uint64_t i = b.size; ex && i < size; i++) ASSERT_EQ(t[i], 0) << "tail byte " << i;
       b.p = p;
       b.size = size;
       b.seed = ++next_seed;
@@ -190,11 +186,8 @@ void run_random(MemContext* root, uint32_t seed, int steps) {
       const int c = random_ctx();
       if (c != 0) {
         EXPECT_EQ(mem_context_remove(m.ctxs[c]), nullptr);
-        std::vector<int> gone;
-        for (size_t i = 0; i < m.ctxs.size(); i++)
-          if (!m.removed(static_cast<int>(i)) && m.in_subtree(static_cast<int>(i), c))
-            gone.push_back(static_cast<int>(i));
-        for (int i : gone) m.parent[i] = -2;
+        for (int i = c; i < static_cast<int>(m.ctxs.size()); i++)
+          if (i == c || (m.parent[i] >= 0 && m.removed(m.parent[i]))) m.parent[i] = -2;
         std::erase_if(m.blocks, [&](const ModelBlock& b) { return m.removed(b.ctx); });
       }
     }
@@ -237,10 +230,10 @@ TEST_F(MemTest, HugePageFailureFallsBackToNormalMapsWithAWarning) {
     px_fault_disarm();
   });
   ASSERT_NE(p, nullptr);
-  EXPECT_NE(err.find("mem_area_alloc: failed to allocate huge pages (errno: 12 size:4M res: 4M "
-                     "j480hugepagesize: 2M) retrying with normal mmap"),
-            std::string::npos)
-      << err;
+  EXPECT_PRED_FORMAT2(IsSubstring,
+                      "mem_area_alloc: failed to allocate huge pages (errno: 12 size:4M res: 4M "
+                      "j480hugepagesize: 2M) retrying with normal mmap",
+                      err);
   EXPECT_EQ(mem_block_of(p)->area->mode, MEM_AREA_VM);
   EXPECT_EQ(c->curMem, 3 * MiB + 65536) << "the charge follows the area it got";
   expect_consistent(root_);
@@ -296,8 +289,7 @@ TEST_F(MemTest, AReserveThatCoversTheAreaExactlySufficesAndAFailedMapRefundsIt) 
     uint64_t size;
     int flags;
     int64_t dmem, dvm;  // reserve minus cost
-    bool fail_map;
-    bool granted;
+    bool fail_map, granted;
   } cases[] = {
       {100, 0, 0, 0, false, true},           {100, 0, -1, 0, false, false},
       {100, 0, 0, -1, false, false},         {1 * MiB, J480_MEM_LARGE, 0, 0, false, true},
@@ -325,17 +317,12 @@ TEST_F(MemTest, AReserveThatCoversTheAreaExactlySufficesAndAFailedMapRefundsIt) 
     });
     EXPECT_EQ(p != nullptr, k.granted) << k.size << " " << k.dmem << " " << k.dvm;
     const std::string n = std::to_string(cost_mem), v = std::to_string(cost_vm);
-    if (!k.fail_map) {
-      EXPECT_NE(err.find(k.granted ? "Context resv uses " + n + " (mem) " + v +
-                                         " (vm) of the reserved memory."
-                                   : "Not enough memory reserved in resv context for "
-                                     "USE_RESERVED_ONLY allocation. mem_req = " + n +
-                                         " mem_reserved = " + std::to_string(cost_mem + k.dmem) +
-                                         " vm_req = " + v + " vm_reserved = " +
-                                         std::to_string(cost_vm + k.dvm)),
-                std::string::npos)
-          << err;
-    }
+    const std::string said =
+        k.granted ? "Context resv uses " + n + " (mem) " + v + " (vm) of the reserved memory."
+                  : "Not enough memory reserved in resv context for USE_RESERVED_ONLY allocation. "
+                    "mem_req = " + n + " mem_reserved = " + std::to_string(cost_mem + k.dmem) +
+                        " vm_req = " + v + " vm_reserved = " + std::to_string(cost_vm + k.dvm);
+    EXPECT_PRED_FORMAT2(IsSubstring, k.fail_map ? "" : said, err);
     EXPECT_EQ(c->mem_rsrvd, k.granted ? k.dmem : cost_mem + k.dmem) << k.size;
     EXPECT_EQ(c->vm_rsrvd, k.granted ? k.dvm : cost_vm + k.dvm) << k.size;
     EXPECT_EQ(c->curMem + c->curVM, 0u) << k.size;
@@ -402,9 +389,7 @@ TEST_F(MemTest, RemovalRunsCleanupsNewestFirstChildrenFirstAndKeepsACallersRecor
   EXPECT_EQ(mem_context_remove(&rec), &rec);
   EXPECT_EQ(g_cleanup_log, (std::vector<std::string>{"i1", "r2", "r1"}));
   EXPECT_STREQ(rec.name, "rec");
-  EXPECT_EQ(rec.areas, nullptr);
-  EXPECT_EQ(rec.large_areas, nullptr);
-  EXPECT_EQ(rec.first_child, nullptr);
+  EXPECT_TRUE(rec.areas == nullptr && rec.large_areas == nullptr && rec.first_child == nullptr);
   EXPECT_STREQ(nested.name, "nested") << "a caller's record deep in the tree is not freed";
   EXPECT_EQ(nested.areas, nullptr);
   EXPECT_EQ(root_->first_child, nullptr);
@@ -428,6 +413,109 @@ TEST_F(MemTest, PrintfGrowsPastItsFirst256BytesAndStrdupLowerCopiesOnlyUpperCase
   EXPECT_STREQ(mixed, "MiXeD Case AZ");
   EXPECT_EQ(mem_strdup(c, nullptr), nullptr);
   expect_consistent(root_);
+}
+
+// ---- The system account ----
+
+// System start-up from a command-line layer over the defaults; the test changes the account.
+class SystemTest : public MemTest {
+ protected:
+  static constexpr int64_t MiB = 1024 * 1024;  // signed, as grants are
+  void SetUp() override {
+    MemTest::SetUp();
+    handback_checked_ = false;
+    config_ = cvconfig_create();
+    cmdline_ = cvconfig_layer_create(nullptr, "cmdline", cvconfig_defaults(config_));
+  }
+  void TearDown() override {
+    cvconfig_destroy(config_);
+    system_exit();
+    MemTest::TearDown();
+  }
+  std::string init_log() {
+    return err_of([&] { EXPECT_EQ(system_init(cmdline_), 1); });
+  }
+
+  cvconfig* config_ = nullptr;
+  cvconfig_layer* cmdline_ = nullptr;
+};
+
+TEST_F(SystemTest, WithoutAMemorySizeTheLimitIsAShareOfPhysicalMemory) {
+  ASSERT_EQ(cvconfig_set_dbl(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMUSE, 0.25), 1);
+  const std::string log = init_log();
+  const uint64_t phys = static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) *
+                        static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+  EXPECT_EQ(g_system_platform.phys_mem, phys);
+  const uint64_t limit = static_cast<uint64_t>(static_cast<double>(phys) * 0.25);
+  EXPECT_EQ(g_system_account.maxMem, limit);
+  EXPECT_EQ(g_system_account.maxVM, SYSTEM_MAX_VM);
+  const std::string said =
+      "SYSTEM:Setting the query memory limit to " + std::to_string(limit) + " bytes\n";
+  EXPECT_PRED_FORMAT2(IsSubstring, said, log);
+}
+
+TEST_F(SystemTest, OverallocationIsCutToTheMemoryLimitAndWrittenBack) {
+  ASSERT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_MEMORY_SIZE, 1024 * MiB), 1);
+  const std::string log = init_log();
+  EXPECT_EQ(g_system_account.maxMem, 1024u * MiB);
+  EXPECT_PRED_FORMAT2(testing::IsNotSubstring, "Setting the query memory limit", log);
+  EXPECT_PRED_FORMAT2(IsSubstring,
+                      "SYSTEM:Limiting overallocation to maximum query memory size of 1073741824 "
+                      "(was 2147483648).\n",
+                      log);
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_MEMORY, CVPROP_MAX_OVERALLOC), 1024 * MiB);
+  EXPECT_EQ(g_system_memory.max_overalloc, 1024 * MiB);
+  EXPECT_EQ(g_system_memory.min_mem_per_transaction, 10 * MiB);
+  EXPECT_DOUBLE_EQ(g_system_memory.large_allocation_limit, 0.8);
+
+  MemContext* root = mem_context_create(nullptr, "configured");
+  EXPECT_EQ(root->overalloc, 1024 * MiB) << "a root takes max_overalloc once configured";
+  mem_context_remove(root);
+  system_exit();
+  root = mem_context_create(nullptr, "unconfigured");
+  EXPECT_EQ(root->overalloc, 0);
+  mem_context_remove(root);
+}
+
+TEST_F(SystemTest, HugePagesTakeTheCoreCountAsLimitAndAreDroppedWhenUnavailable) {
+  ASSERT_EQ(cvconfig_set_bool(cmdline_, CVGROUP_MEMORY, CVPROP_USE_HUGE_TLB, 1), 1);
+  ASSERT_EQ(cvconfig_set_lng(cmdline_, CVGROUP_SYSTEM, CVPROP_NUM_CORES, 6), 1);
+  const std::string log = err_of([&] {
+    px_fault_arm(1, EPERM);  // the huge-page probe
+    system_init(cmdline_);
+    px_fault_disarm();
+  });
+  EXPECT_EQ(cvconfig_get_lng(cmdline_, CVGROUP_MEMORY, CVPROP_HUGE_TLB_LIM), 6);
+  EXPECT_EQ(g_system_memory.huge_tlb_lim, 6);
+  EXPECT_EQ(g_system_platform.huge_page_size, 0u);
+  EXPECT_PRED_FORMAT2(IsSubstring,
+                      "WARN:SYSTEM:j480_posix_init: unable to get SeLockMemoryPrivilege, "
+                      "disabling huge pages.\n",
+                      log);
+
+  ASSERT_EQ(cvconfig_set_bool(cmdline_, CVGROUP_MEMORY, CVPROP_USE_HUGE_TLB, 0), 1);
+  init_log();
+  EXPECT_EQ(g_system_platform.huge_page_size, 0u) << "off unless asked for";
+}
+
+TEST_F(SystemTest, GrantsRoundUpToTheStepAndRespectTheLimit) {
+  g_system_memory.min_trans_mem_inc = 10 * MiB;
+  g_system_memory.large_allocation_limit = 0.5;
+  g_system_account.curMem = 0;
+  g_system_account.maxMem = 100 * MiB;
+  EXPECT_EQ(system_grant_mem(1, 0), 10 * MiB) << "a small request gets a whole step";
+  EXPECT_EQ(system_grant_mem(30 * MiB, 0), 30 * MiB);
+  EXPECT_EQ(system_grant_mem(55 * MiB, 0), 55 * MiB);
+  EXPECT_EQ(system_grant_mem(2 * MiB, 0), 2 * MiB) << "no room for a step: the amount itself";
+  EXPECT_EQ(system_grant_mem(5 * MiB, 0), 0) << "no room at all";
+  EXPECT_EQ(system_grant_mem(5 * MiB, J480_MEM_FORCE), 10 * MiB) << "forced: the step anyway";
+  EXPECT_EQ(g_system_account.curMem, 107u * MiB);
+  EXPECT_EQ(system_grant_mem(-57 * MiB, 0), -57 * MiB);
+  EXPECT_EQ(g_system_account.curMem, 50u * MiB);
+  EXPECT_EQ(system_grant_mem(1, J480_MEM_OVERALLOC), 0) << "the limit scaled to 50 MiB is full";
+  EXPECT_EQ(system_grant_mem(1, 0), 10 * MiB);
+  EXPECT_EQ(system_grant_mem(INT64_MAX - 1, J480_MEM_FORCE), 0) << "past 63 bits";
+  EXPECT_GE(g_system_account.hiMem, 107u * MiB);
 }
 
 }  // namespace
