@@ -77,8 +77,7 @@ void write_file(const std::string& path, const uint8_t* data, size_t size, bool 
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   j480fuzz::quiet_logger();
-  j480fuzz::accept_assertions(kDesignAssertions,
-                              sizeof kDesignAssertions / sizeof kDesignAssertions[0]);
+  j480fuzz::accept_assertions(kDesignAssertions);
   g_dir = "/tmp/j480_replay_fuzz." + std::to_string(getpid());
   g_cbm = g_dir + "/db/CBM";
   mkdir(g_dir.c_str(), 0700);

@@ -49,17 +49,23 @@ struct AcceptedAssertion {
 // Assertion texts (the stringified expressions) to throw AcceptedAssertion for, instead of
 // aborting; `exprs` must stay alive. Any other failed assertion aborts as usual.
 void accept_assertions(const char* const* exprs, int count);
+template <int N>
+void accept_assertions(const char* const (&exprs)[N]) {
+  accept_assertions(exprs, N);
+}
 
-// A log read as the dump drives its reader, with one context per transaction as the replay has
-// it: `read_version(s)`, then `read_transaction(mem, s, &list)` for as long as it returns 1,
-// each result handed to `check(rc, list)`. A call that returns 1 consumes at least one tag or
-// meets a read error that ends the loop, so the loop is bounded by the input's size. An accepted
-// assertion leaves nothing open behind it.
-template <class List, class ReadVersion, class ReadTransaction, class Check>
-void read_log(const char* path, size_t size, ReadVersion read_version,
-              ReadTransaction read_transaction, Check check) {
+// One log input, read as the dump drives its reader, with one context per transaction as the
+// replay has it: `read_version(s)`, then `read_transaction(mem, s, &list)` for as long as it
+// returns 1, each result handed to `check(rc, list)`. A call that returns 1 consumes at least one
+// tag or meets a read error that ends the loop, so the loop is bounded by the input's size. An
+// accepted assertion rejects the input (-1) and leaves nothing open behind it. Otherwise the
+// dump, which reads the same records in the same order, runs on a stream of its own: `dump(s)`.
+template <class List, class ReadVersion, class ReadTransaction, class Check, class Dump>
+int fuzz_log(const uint8_t* data, size_t size, ReadVersion read_version,
+             ReadTransaction read_transaction, Check check, Dump dump) {
+  const char* path = write_input(data, size);
   stream* s = open_binary_read_stream(path);
-  if (s == nullptr) return;
+  if (s == nullptr) return 0;
   MemContext* mem = nullptr;
   try {
     read_version(s);
@@ -82,9 +88,14 @@ void read_log(const char* path, size_t size, ReadVersion read_version,
   } catch (const AcceptedAssertion&) {
     if (mem != nullptr) mem_context_remove(mem);
     stream_close_destroy(s);
-    throw;
+    return -1;
   }
   stream_close_destroy(s);
+  s = open_binary_read_stream(path);
+  FUZZ_CHECK(s != nullptr);
+  dump(s);
+  stream_close_destroy(s);
+  return 0;
 }
 
 }  // namespace j480fuzz
