@@ -122,7 +122,8 @@ std::vector<std::string> actions(const bm_logger_action_list* list) {
 
 }  // namespace
 
-TEST_F(IobmTest, CreatesAMissingAbsoluteFarmAndWritesPortAndPidIntoTheLock) {
+// An absolute farm is created with the lock holding port and pid; a relative one makes nothing.
+TEST_F(IobmTest, CreatesAMissingAbsoluteFarmAndRefusesARelativeOne) {
   cvconfig_set_lng(layer_, CVGROUP_SERVER, CVPROP_PORT, 5001);
   std::string err;
   iobm* bm = create(farm_.path() + "/new/farm", &err);
@@ -137,10 +138,7 @@ TEST_F(IobmTest, CreatesAMissingAbsoluteFarmAndWritesPortAndPidIntoTheLock) {
   EXPECT_EQ(iobm_get_logger(nullptr), nullptr);
   iobm_destroy(bm);
   iobm_destroy(nullptr);
-}
 
-TEST_F(IobmTest, ARelativeFarmFailsInCreateDirAndMakesNothing) {
-  std::string err;
   EXPECT_EQ(create("rel_farm_x", &err), nullptr);
   EXPECT_EQ(err,
             "ERROR:create_dir: could not create path 'rel_farm_x/db/CBM' - path in not absolute\n"
@@ -325,15 +323,14 @@ TEST(Columnspace, RandomMarksAndFreesAgreeWithAModel) {
       cs_file* file;
       std::vector<int64_t> owner, gid;  // -1: a free block
       std::vector<iob*> block;
+      void resize(size_t n) { owner.resize(n, -1), gid.resize(n, -1), block.resize(n, nullptr); }
     };
     std::vector<Model> files(1 + pick(3));
     int64_t next_gid = 0;
     for (Model& m : files) {
       m.file = columnspace_register_file(cs, nullptr, nullptr, "f", 0, -1);
       columnspace_file_ref(m.file);
-      m.owner.assign(cs->nrblks, -1);
-      m.gid.assign(cs->nrblks, -1);
-      m.block.assign(cs->nrblks, nullptr);
+      m.resize(size_t(cs->nrblks));
     }
     for (int step = 0; step < 400; step++) {
       Model& m = files[pick(files.size())];
@@ -351,9 +348,7 @@ TEST(Columnspace, RandomMarksAndFreesAgreeWithAModel) {
         if (b != nullptr) {
           int64_t grown = size;
           while (nr >= grown) grown *= 2;
-          m.owner.resize(grown, -1);
-          m.gid.resize(grown, -1);
-          m.block.resize(grown, nullptr);
+          m.resize(size_t(grown));
           m.owner[nr] = owner;
           m.block[nr] = b;
           m.gid[nr] = nr > 0 && m.owner[nr - 1] == owner ? m.gid[nr - 1] : next_gid++;

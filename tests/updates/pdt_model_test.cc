@@ -8,7 +8,6 @@
 #include <memory>
 #include <random>
 
-#include "support/test_support.h"
 #include "updates_test_util.h"
 
 namespace {
@@ -70,22 +69,12 @@ struct Model {
     if (items[i].kind == 0) items[i] = ut::stable_row(items[i].a);
     return items[i];
   }
-  int64_t rid_of_sid(int64_t sid) const {
-    int64_t pos = 0;
-    for (const Item& i : items) {
-      if (i.kind == 0 && sid >= i.a && sid < i.b) return pos + sid - i.a;
-      if (i.kind == 1 && i.a == sid) return pos;
-      pos += i.kind == 0 ? i.b - i.a : 1;
-    }
-    return -1;
-  }
 };
 
 struct Config {
   uint32_t fan_out;
   int64_t n_stable;
   int64_t max_entries;  // deletes win above this
-  bool by_sid;          // deletes only, by SID and by RID
   int seeds, steps;
 };
 
@@ -178,7 +167,7 @@ void run(const Config& cfg, int seed) {
     int64_t span = 1;  // rows from rid over a few entries
     // Aim at the row of an entry: deletes then take entries out, and updates meet the entries of
     // their row, whose modifies may run on into the next leaf.
-    if (!cfg.by_sid && t->n_entries > 0 && (shrink || rnd(3) == 0)) {
+    if (t->n_entries > 0 && (shrink || rnd(3) == 0)) {
       const std::vector<ut::Entry> es = ut::chain_entries(t);
       const size_t k = size_t(rnd(int64_t(es.size()))),
                    j = std::min(es.size() - 1, k + 1 + size_t(rnd(4)));
@@ -192,25 +181,14 @@ void run(const Config& cfg, int seed) {
         span = std::max<int64_t>(1, USID(es[j].def) + d - rid + 1);
     }
     const int grow = size < cfg.n_stable ? 15 : 0;  // a smaller table takes more inserts
-    if (cfg.by_sid && r < 60 && size > 0) {
-      const int64_t sid = rnd(cfg.n_stable), n = 1 + rnd(std::min<int64_t>(20, cfg.n_stable - sid));
-      bool present = true;
-      for (int64_t s = sid; s < sid + n && present; s++) present = m.rid_of_sid(s) >= 0;
-      if (!present && rnd(20) != 0) return;
-      int res = 0;
-      std::string err = j480test::err_of([&] { res = pdt_add_delete_by_sid(t, sid, n, -1); });
-      ASSERT_EQ(res, present ? 0 : -1) << "seed " << seed << " step " << step;
-      if (present) m.erase(m.rid_of_sid(sid), n);
-      else
-        EXPECT_NE(err.find("pdt_add_delete_by_sid: SID already deleted: "), std::string::npos);
-    } else if (!cfg.by_sid && !shrink && r < 30 + grow) {  // insert, often just behind the last one
+    if (!shrink && r < 30 + grow) {  // insert, often just behind the last one
       const int64_t at = rnd(3) == 0 ? std::min(last + 1, size) : rid;
       const int64_t v0 = int64_t(rng() % 1000000000);
       const char* v1 = m.keep("i" + std::to_string(rng() % 100000));
       both([&](ut::Tree& x) { return x.t->ops.add_insert(x.t, at, x.tuple(v0, v1)); });
       m.insert(at, {2, -1, -1, v0, v1, 0});
       last = at;
-    } else if (!cfg.by_sid && !shrink && r < 55 + grow && size > 0) {  // modify
+    } else if (!shrink && r < 55 + grow && size > 0) {  // modify
       const int64_t at = std::min(rid, size - 1);
       const uint16_t col = uint16_t(rnd(2));
       const int64_t v0 = int64_t(rng() % 1000000000);
@@ -220,7 +198,7 @@ void run(const Config& cfg, int seed) {
       if (col == 0) row.v0 = v0;
       else row.v1 = v1;
       last = at;
-    } else if (!cfg.by_sid && !shrink && r < 65 + grow && size > 0 && incs_on) {  // increment
+    } else if (!shrink && r < 65 + grow && size > 0 && incs_on) {  // increment
       const int64_t at = std::min(rid, size - 1), inc = rnd(2001) - 1000;
       both([&](ut::Tree& x) { return pdt_add_increment(x.t, at, ut::kIncCol, inc); });
       m.row(at).inc += inc;
@@ -247,7 +225,7 @@ void run(const Config& cfg, int seed) {
   const char* long_env = getenv("J480_PDT_LONG");
   const int steps = cfg.steps * (long_env ? std::max(1, atoi(long_env)) : 1) / kSanitizerShare;
   for (int step = 0; step < steps && !::testing::Test::HasFatalFailure(); step++) {
-    if (step == steps - 400 && !cfg.by_sid) {  // past the last new life
+    if (step == steps - 400) {  // past the last new life
       base = t->ops.copy(tree->mem, 0, t);
       ASSERT_NE(base, nullptr);
       EXPECT_EQ(base->n_data_blocks, 1u);
@@ -256,7 +234,7 @@ void run(const Config& cfg, int seed) {
       side = std::make_unique<ut::Tree>(cfg.fan_out, 4);
     }
     one_step(step);
-    if (m.size < cfg.n_stable / 2 && !cfg.by_sid && step + 500 < steps) {  // a new life
+    if (m.size < cfg.n_stable / 2 && step + 500 < steps) {  // a new life
       tree = std::make_unique<ut::Tree>(cfg.fan_out, 16);
       t = tree->t;
       m = Model(cfg.n_stable);
@@ -273,7 +251,6 @@ void run(const Config& cfg, int seed) {
   }
   check_translations(t, m.size, cfg.n_stable, rng);
   EXPECT_EQ(ut::serialize(t), ut::expected_serial(t));
-  if (cfg.by_sid) return;
 
   // Dropping the increment column takes its modifies out, packing the leaves (the last may end
   // under the minimum); the tree keeps working after it.
@@ -299,18 +276,14 @@ void run(const Config& cfg, int seed) {
 class PdtModel : public ::testing::TestWithParam<Config> {};
 
 TEST_P(PdtModel, ImageAndInvariantsHoldAfterEveryStep) {
-  pdt_debug_checks = 0;  // the test checks after every step itself
+  ut::NoDebugChecks quiet;
   for (int seed = 0; seed < GetParam().seeds && !HasFatalFailure(); seed++) run(GetParam(), seed);
-  pdt_debug_checks = 1;
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Shapes, PdtModel,
-    ::testing::Values(Config{3, 20000, 150, false, 24, 15000},
-                      Config{4, 20000, 200, false, 24, 15000},
-                      Config{3, 200000, 200, false, 8, 12000},
-                      Config{PDT_DEFAULT_FAN_OUT, 200000, 1500, false, 3, 15000},
-                      Config{3, 5000, 300, true, 12, 6000},
-                      Config{PDT_DEFAULT_FAN_OUT, 100000, 1500, true, 3, 8000}));
+    ::testing::Values(Config{3, 20000, 150, 24, 15000}, Config{4, 20000, 200, 24, 15000},
+                      Config{3, 200000, 200, 8, 12000},
+                      Config{PDT_DEFAULT_FAN_OUT, 200000, 1500, 3, 15000}));
 
 }  // namespace

@@ -27,6 +27,12 @@ inline void kernel_up() {
   if (prim_lookup("gen_condense_slng_col", 1, 0) == nullptr) prim_register_table(prim_gen_table());
 }
 
+// The tree's own checks off for a scope that checks itself, also when an assertion leaves early.
+struct NoDebugChecks {
+  NoDebugChecks() { pdt_debug_checks = 0; }
+  ~NoDebugChecks() { pdt_debug_checks = 1; }
+};
+
 constexpr uint16_t kIncCol = 2;
 constexpr int64_t kJoinIndex = 77;
 
