@@ -20,7 +20,6 @@
 #include "tools/wal_converter/bc20_location_map.h"
 #include "tools/wal_converter/bc20_logger.h"
 #include "tools/wal_converter/bc20_table.h"
-#include "utils/cvlog.h"
 #include "utils/mem.h"
 #include "utils/posix.h"
 #include "utils/stream.h"
@@ -192,7 +191,6 @@ TEST_F(Bc20Model, RandomGroupTreesKeepTheirInvariants) {
 // ---- the catalog ----
 
 TEST_F(Bc20Model, CatalogMessages) {
-  log_.use("default=debug");
   std::string err = err_of([&] {
     bc20_table* t = table(1, "t");
     bc20_table* again = bc20_table_create(group(bc20_colgroup_logical, 9, 1, nullptr));
@@ -202,7 +200,6 @@ TEST_F(Bc20Model, CatalogMessages) {
     bc20_index* k = index(t, bc20_idx_primarykey, 2, "pk");
     EXPECT_EQ(catalog_get_referenced_table_from_joinindex(cat_, k), -1);
     EXPECT_EQ(catalog_get_referenced_table_from_foreignkey(cat_, k), -1);
-    bc20_table_add_incoming_joinindex(t, "j");
     EXPECT_EQ(bc20_catalog_add_location(cat_, "l", nullptr, 1, 0), 2);
     EXPECT_EQ(bc20_catalog_add_location(cat_, "l", "/p", 1, 2), -1);
     EXPECT_EQ(bc20_catalog_add_location(cat_, "", "/p", 1, 7), -1);
@@ -210,29 +207,25 @@ TEST_F(Bc20Model, CatalogMessages) {
     EXPECT_EQ(bc20_catalog_del_table(cat_, 1), 0);
     EXPECT_EQ(bc20_catalog_del_table(cat_, 1), -1);
   });
-  log_.use(nullptr);
   EXPECT_EQ(err,
-            "#CATALOG:added table t id=1\n"
             "ERROR:CATALOG:table already exists: t\n"
             "ERROR:CATALOG:catalog_get_referenced_table_from_joinindex: not a joinindex\n"
             "ERROR:CATALOG:catalog_get_referenced_table_from_foreignkey: not a foreign key\n"
-            "#CATALOG:registered incoming joinindex j with table 1\n"
-            "#CATALOG:added location l id=2 refcnt=1\n"
-            "ERROR:CATALOG:location already exists: l\n"
-            "#CATALOG:deleted location l id=2 refcnt=1\n"
-            "#CATALOG:deleted table t id=1\n");
+            "ERROR:CATALOG:location already exists: l\n");
 }
 
 // Every lookup of the catalog against the plain scan of its live slots in order, over a random
 // history with repeated ids and names, deletes and groups that come and go.
 TEST_F(Bc20Model, RandomCatalogLookupsMatchTheSlotScan) {
   std::mt19937_64 rng(4);
+  auto r = [&](uint64_t n) { return static_cast<int64_t>(rng() % n); };
   const char* names[] = {"a", "_a", "_xSa", "_yS", "_", "b", "_b", "_zSb"};
   auto scan = [&](const std::function<bool(bc20_table*, uint32_t)>& hit) -> int64_t {
     for (uint32_t k = 0; k < cat_->n_tables; k++)
       if (cat_->tables[k] != nullptr && hit(cat_->tables[k], k)) return k;
     return -1;
   };
+  auto at = [&](int64_t slot) { return slot < 0 ? nullptr : cat_->tables[slot]; };
   auto scan_name = [&](const char* name) -> int64_t {
     int64_t nr =
         scan([&](bc20_table*, uint32_t k) { return strcmp(cat_->table_names[k], name) == 0; });
@@ -244,92 +237,79 @@ TEST_F(Bc20Model, RandomCatalogLookupsMatchTheSlotScan) {
   };
   int64_t next_group = 1000;
   for (int step = 0; step < 3000; step++) {
-    int64_t live = scan([](bc20_table*, uint32_t) { return true; });
-    switch (rng() % 6) {
+    SCOPED_TRACE("step " + std::to_string(step));
+    const bool live = scan([](bc20_table*, uint32_t) { return true; }) >= 0;
+    auto some_table = [&] { return live ? cat_->tables[r(cat_->n_tables)] : nullptr; };
+    switch (r(6)) {
       case 0:
       case 1: {
-        bc20_colgroup* root =
-            group(bc20_colgroup_logical, static_cast<int64_t>(rng() % 12), 2, nullptr);
-        int ncols = 1 + static_cast<int>(rng() % 12);  // wide roots are searched through a lookup
+        bc20_colgroup* root = group(bc20_colgroup_logical, r(12), 2, nullptr);
+        int ncols = 1 + static_cast<int>(r(12));  // wide roots are searched through a lookup
         for (int k = 0; k < ncols; k++)
-          bc20_colgroup_add_column(root, column(static_cast<int64_t>(rng() % 20)),
-                                   ("c" + std::to_string(k)).c_str());
+          bc20_colgroup_add_column(root, column(r(20)), ("c" + std::to_string(k)).c_str());
         bc20_table* t = bc20_table_create(root);
-        t->table_id = static_cast<int64_t>(rng() % 10);
+        t->table_id = r(10);
         err_of([&] {
-          if (bc20_catalog_add_table(cat_, t, names[rng() % 8]) < 0) bc20_table_destroy(t);
+          if (bc20_catalog_add_table(cat_, t, names[r(8)]) < 0) bc20_table_destroy(t);
         });
         break;
       }
       case 2:
-        if (live >= 0) bc20_catalog_del_table(cat_, static_cast<int64_t>(rng() % 10));
+        if (live) bc20_catalog_del_table(cat_, r(10));
         break;
       case 3:
-        if (live >= 0) {
-          bc20_table* t = cat_->tables[rng() % cat_->n_tables];
-          if (t != nullptr) {
-            bc20_colgroup* g = group(bc20_colgroup_logical, next_group++, 1, nullptr);
-            bc20_colgroup_add_column(g, column(static_cast<int64_t>(rng() % 20)), "ic");
-            bc20_index* i = bc20_index_create(bc20_idx_uniquekey, g, nullptr);
-            i->id = static_cast<int64_t>(rng() % 8);
-            bc20_table_add_index(t, "t", i, names[rng() % 8]);
-          }
+        if (bc20_table* t = some_table()) {
+          bc20_colgroup* g = group(bc20_colgroup_logical, next_group++, 1, nullptr);
+          bc20_colgroup_add_column(g, column(r(20)), "ic");
+          bc20_index* i = bc20_index_create(bc20_idx_uniquekey, g, nullptr);
+          i->id = r(8);
+          bc20_table_add_index(t, "t", i, names[r(8)]);
         }
         break;
       case 4:
-        if (live >= 0) {
-          bc20_table* t = cat_->tables[rng() % cat_->n_tables];
-          if (t != nullptr && t->n_indexes > 0)
-            bc20_table_del_index(t, t->indexes[rng() % t->n_indexes]);
-        }
+        if (bc20_table* t = some_table(); t != nullptr && t->n_indexes > 0)
+          bc20_table_del_index(t, t->indexes[r(t->n_indexes)]);
         break;
       default:
-        if (live >= 0) {
-          bc20_table* t = cat_->tables[rng() % cat_->n_tables];
-          if (t == nullptr) break;
+        if (bc20_table* t = some_table()) {
           bc20_colgroup* root = t->colgroup;
-          if (root->n_children > 0 && rng() % 2 == 0) {
-            bc20_colgroup_drop_child(mem_, root, root->children[rng() % root->n_children]->id);
+          if (root->n_children > 0 && r(2) == 0) {
+            bc20_colgroup_drop_child(mem_, root, root->children[r(root->n_children)]->id);
           } else {
-            bc20_colgroup* parent = root->n_children > 0 && rng() % 2 ? root->children[0] : root;
-            bc20_colgroup* g =
-                group(bc20_colgroup_null, static_cast<int64_t>(rng() % 12), 1, parent);
-            bc20_colgroup_add_column(g, column(static_cast<int64_t>(rng() % 20)), "g");
+            bc20_colgroup* parent = root->n_children > 0 && r(2) ? root->children[0] : root;
+            bc20_colgroup* g = group(bc20_colgroup_null, r(12), 1, parent);
+            bc20_colgroup_add_column(g, column(r(20)), "g");
           }
         }
         break;
     }
     for (int64_t id = 0; id < 20; id++) {
-      int64_t nr = scan([&](bc20_table* t, uint32_t) { return t->table_id == id; });
-      ASSERT_EQ(bc20_catalog_table_nr_by_id(cat_, id), nr) << "step " << step;
-      int64_t g = scan(
-          [&](bc20_table* t, uint32_t) { return bc20_table_colgroup_by_id(t, id) != nullptr; });
-      ASSERT_EQ(bc20_catalog_table_by_colgroup_id(cat_, id), g < 0 ? nullptr : cat_->tables[g])
-          << "step " << step;
-      int64_t r = scan([&](bc20_table* t, uint32_t) { return t->colgroup->id == id; });
-      ASSERT_EQ(bc20_catalog_root_colgroup_by_id(cat_, id),
-                r < 0 ? nullptr : cat_->tables[r]->colgroup);
-      const char* want_name = nullptr;
+      ASSERT_EQ(bc20_catalog_table_nr_by_id(cat_, id),
+                scan([&](bc20_table* t, uint32_t) { return t->table_id == id; }));
+      ASSERT_EQ(bc20_catalog_table_by_colgroup_id(cat_, id), at(scan([&](bc20_table* t, uint32_t) {
+                  return bc20_table_colgroup_by_id(t, id) != nullptr;
+                })));
+      bc20_table* owner = at(scan([&](bc20_table* t, uint32_t) { return t->colgroup->id == id; }));
+      ASSERT_EQ(bc20_catalog_root_colgroup_by_id(cat_, id), owner ? owner->colgroup : nullptr);
+      const char *want_name = nullptr, *got_name = nullptr;
       bc20_column* want = nullptr;
       scan([&](bc20_table* t, uint32_t) {
         return (want = bc20_table_column_by_id(t, id, &want_name)) != nullptr;
       });
-      const char* got_name = nullptr;
-      ASSERT_EQ(bc20_catalog_column_by_id(cat_, id, &got_name), want) << "step " << step;
+      ASSERT_EQ(bc20_catalog_column_by_id(cat_, id, &got_name), want);
       ASSERT_EQ(got_name, want_name);
-      int64_t ix =
-          scan([&](bc20_table* t, uint32_t) { return bc20_table_index_by_id(t, id) != nullptr; });
-      ASSERT_EQ(bc20_catalog_index_by_id(cat_, id),
-                ix < 0 ? nullptr : bc20_table_index_by_id(cat_->tables[ix], id));
+      bc20_table* ix = at(
+          scan([&](bc20_table* t, uint32_t) { return bc20_table_index_by_id(t, id) != nullptr; }));
+      ASSERT_EQ(bc20_catalog_index_by_id(cat_, id), ix ? bc20_table_index_by_id(ix, id) : nullptr);
       ASSERT_EQ(bc20_catalog_index_name_by_id(cat_, id),
-                ix < 0 ? nullptr : bc20_table_index_name_by_id(cat_->tables[ix], id));
+                ix ? bc20_table_index_name_by_id(ix, id) : nullptr);
     }
     for (const char* name : names) {
       ASSERT_EQ(bc20_catalog_table_nr_by_name(cat_, name), scan_name(name)) << name;
-      int64_t ix = scan(
-          [&](bc20_table* t, uint32_t) { return bc20_table_index_by_name(t, name) != nullptr; });
+      bc20_table* ix = at(scan(
+          [&](bc20_table* t, uint32_t) { return bc20_table_index_by_name(t, name) != nullptr; }));
       ASSERT_EQ(bc20_catalog_index_by_name(cat_, name),
-                ix < 0 ? nullptr : bc20_table_index_by_name(cat_->tables[ix], name));
+                ix ? bc20_table_index_by_name(ix, name) : nullptr);
     }
   }
 }
@@ -343,6 +323,8 @@ struct IndexCase {
   const char* err;
 };
 
+// Every refusal of a minmax or join index record with its message; what the accepted ones store
+// is the whole tool's (convert_test.cc).
 TEST_F(Bc20Model, IndexRecordsAndTheirMessages) {
   bc20_table* t = table(1, "t", 2);
   bc20_column* s = column(150, PTYPE_STR);
@@ -426,11 +408,6 @@ TEST_F(Bc20Model, IndexRecordsAndTheirMessages) {
     EXPECT_EQ(rc, k.rc) << k.what;
     EXPECT_EQ(err, k.err) << k.what;
   }
-  auto* mm = static_cast<bc20_minmax*>(bc20_catalog_index_by_id(cat_, 3)->impl);
-  EXPECT_EQ(static_cast<int32_t*>(mm->maxs[0])[1], 40);
-  EXPECT_STREQ(static_cast<char**>(mm->mins[1])[1], "");
-  EXPECT_STREQ(static_cast<char**>(mm->maxs[1])[1], "xyz");
-  EXPECT_STREQ(*static_cast<char**>(mm->overflow_maxs[1]), "mno");
 }
 
 // ---- the location map ----

@@ -1,6 +1,6 @@
 // Write-PDTs of the old log rebuilt through bc20_rebuild_pdt: refused payloads, and the join
 // index path of the catalog. Generated write-PDTs, stacked records among them, rebuild and
-// convert in convert_pdt_test.cc; damaged payloads are the fuzz target's (fuzz/bc20_pdt_fuzz.cc).
+// convert in convert_test.cc; damaged payloads are the fuzz target's (fuzz/bc20_pdt_fuzz.cc).
 #include "support/test_support.h"
 #include "tools/wal_converter/bc20_catalog.h"
 #include "tools/wal_converter/bc20_colgroup.h"
@@ -80,10 +80,6 @@ class Bc20ValueSpace : public testing::Test {
     std::vector<ut::Item> img = ut::image(t, kStable, &why);
     EXPECT_EQ(why, "");
     return img;
-  }
-  void drop() {
-    pdt_unref(wpdt());
-    wpdt() = nullptr;
   }
 
   struct bc20_catalog* cat_ = nullptr;

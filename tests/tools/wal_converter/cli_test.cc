@@ -85,9 +85,7 @@ TEST(CommandLine, OptionsEndTheRunWithTheirOwnOutput) {
     std::string out;
     std::vector<std::string> err;
   } cases[] = {
-      {{"--dbfarm", "/nowhere", "--dumplog", "--version", "--bogus", "--dbname"},
-       0,
-       version,
+      {{"--dbfarm", "/nowhere", "--dumplog", "--version", "--bogus", "--dbname"}, 0, version,
        alone},
       {{"--help"}, 255, usage, alone},
       {{"-h"}, 255, usage, alone},
@@ -105,13 +103,9 @@ TEST(CommandLine, OptionsEndTheRunWithTheirOwnOutput) {
       {{"--dbfarm", "/x", "--dbname", ""}, 255, "", no_farm},
       {{"--dumplog"}, 255, "", no_farm},
       {{"--dbfarm", farm.path(), "--dbname", "db1"}, 255, "", missing("db1", farm.path())},
-      {{"--dbfarm", "/a", "--dbname", "x", "--dbfarm", "/b", "--dbname", "y"},
-       255,
-       "",
+      {{"--dbfarm", "/a", "--dbname", "x", "--dbfarm", "/b", "--dbname", "y"}, 255, "",
        missing("y", "/b")},
-      {{"--dbfarm", "--dumplog", "--dbname", "--version"},
-       255,
-       "",
+      {{"--dbfarm", "--dumplog", "--dbname", "--version"}, 255, "",
        missing("--version", "--dumplog")},
   };
   for (const auto& c : cases) {
@@ -164,72 +158,6 @@ TEST(RunSequence, AFailedStageSaysWhyAndLeavesTheLogAlone) {
     for (const char* name : {"/LOG.new", "/LOG.j480_20", "/_LOG_XML_20"})
       EXPECT_FALSE(j480test::exists(cbm + name)) << name;
   }
-}
-
-TEST(RunSequence, DumplogWritesTheOldLogAsXmlBeforeTheReplay) {
-  j480test::TempDir tmp;
-  // A farm path of more than 512 bytes is legal here and must not be cut.
-  for (const std::string& farm : {tmp.path(), tmp.file(std::string(250, 'a') + "/" +
-                                                       std::string(250, 'b') + "/c")}) {
-    SCOPED_TRACE(farm.size());
-    std::string cbm = farm + "/db/CBM";
-    j480test::make_dirs(cbm);
-    j480test::LogBytes log;
-    // tr_new 7, cat_location_new 5 "loc" usage 1, tr_end 7
-    log.head().i32(0).lng(7).i32(28).lng(5).str("loc").i32(1).i32(1).lng(7);
-    j480test::write_file(cbm + "/LOG", log.bytes());
-    RunResult r = run({"--dumplog", "--dbfarm", farm, "--dbname", "db"});
-    EXPECT_EQ(r.status, 255);
-    const std::string xml =
-        "<wal base_version=\"4851035686591004672\" cur_version=\"0\">\n"
-        "<tr trid=\"7\">\n"
-        "<cat_location_new location_id=\"5\" name=\"loc\" usage=\"1\" path=\"(null)\"/>\n"
-        "</tr trid=\"7\">\n"
-        "</wal>\n";
-    EXPECT_EQ(j480test::read_file(cbm + "/_LOG_XML_20"), xml);
-    EXPECT_NE(r.err.find("#LOGGER:<cat_location_new location_id=\"5\" name=\"loc\""),
-              std::string::npos)
-        << r.err;
-    EXPECT_NE(r.err.find("ERROR:WAL_CONVERTER:Failed writing 2.5 WAL"), std::string::npos);
-    EXPECT_EQ(j480test::read_file(cbm + "/LOG"), log.bytes());
-  }
-}
-
-TEST(RunSequence, AFailedOrKilledSystemCallAnywhereEndsCleanlyAndLeavesTheDatabaseAlone) {
-#ifndef J480_FAULT_INJECTION
-  GTEST_SKIP() << "the tool reads J480_FAULT_AT only when built with -DJ480_FAULT_INJECTION=ON";
-#endif
-  j480test::TempDir farm;
-  std::string cbm = farm.file("db/CBM");
-  j480test::make_dirs(cbm);
-  j480test::LogBytes log;
-  log.head().i32(0).lng(7).i32(28).lng(5).str("loc").i32(1).i32(1).lng(7);
-  j480test::write_file(cbm + "/LOG", log.bytes());
-  j480test::write_file(cbm + "/location_map", "loc,/data\n");
-  const std::vector<std::string> args = {"--dumplog", "--dbfarm", farm.path(), "--dbname", "db"};
-  const std::string clean = j480test::run_binary(kBin, args).err;
-  // Every call of the run: up to the first k where every call from the k-th on fails and the run
-  // is still the unfaulted one.
-  bool past_the_end = false;
-  for (int k = 1; k <= 400 && !past_the_end; k++) {
-    // EIO at the k-th call, ENOSPC at it and every later one, a kill at it.
-    for (const char* mode : {":5", ":28:sticky", ":kill"}) {
-      std::string fault = std::to_string(k) + mode;
-      SCOPED_TRACE(fault);
-      RunResult r = j480test::run_binary(kBin, args, {{"J480_FAULT_AT", fault}});
-      if (std::string(mode) == ":kill") {
-        EXPECT_TRUE(r.status == 137 || r.status == 255) << r.status << r.err;
-      } else {
-        EXPECT_EQ(r.status, 255) << r.err;
-        EXPECT_EQ(split_lines(r.err).back(), kTail);
-        past_the_end |= std::string(mode) == ":28:sticky" && r.err == clean;
-      }
-      EXPECT_EQ(j480test::read_file(cbm + "/LOG"), log.bytes());
-      EXPECT_EQ(j480test::read_file(cbm + "/location_map"), "loc,/data\n");
-      EXPECT_FALSE(j480test::exists(cbm + "/LOG.new"));
-    }
-  }
-  EXPECT_TRUE(past_the_end);
 }
 
 // Two processes on one database: a holder of the block manager's lock in a child process, and

@@ -1,8 +1,8 @@
 // expected25: the 2.5 action list that a conversion must write, built from the model file that
 // j480_wal20_gen writes (its format: tools/wal20_gen/bc20_gen.h), and the same one-line form of
-// an action read back from a log, so that the two compare line by line.
-// Knows nothing of the converter: the order, the ids and the mapped values are worked out here
-// from the model alone.
+// the actions read back from a log, so that the two compare line by line; the tables of its
+// write-PDT model. Knows nothing of the converter: the order, the ids and the mapped values are
+// worked out here from the models alone.
 #ifndef J480_TESTS_TOOLS_WAL_CONVERTER_EXPECTED25_H
 #define J480_TESTS_TOOLS_WAL_CONVERTER_EXPECTED25_H
 
@@ -21,6 +21,8 @@
 #include "bm/logger.h"
 #include "kernel/ltype.h"
 #include "kernel/ptype.h"
+#include "utils/mem.h"
+#include "utils/stream.h"
 
 namespace j480test {
 
@@ -106,6 +108,57 @@ inline std::string describe25(const bm_logger_action* a) {
 #undef J480_ACTION
 }
 
+// Every action of a 2.5 log in file order, one line each, "unreadable" where reading fails ("not
+// a 2.5 log" where the file is none); the pdt_new payloads by table id.
+inline std::vector<std::string> read_log25(const std::string& path,
+                                           std::map<int64_t, std::string>* payloads = nullptr) {
+  std::vector<std::string> out;
+  ptype_register_all();  // the reader resolves a paxgroup's types by number
+  MemContext* mem = mem_context_create(nullptr, "read_log25");
+  stream* s = open_binary_read_stream(path.c_str());
+  if (s == nullptr || bm_logger_read_version(s) != BM_LOGGER_VERSION_25) out = {"not a 2.5 log"};
+  for (int more = out.empty(); more;) {
+    bm_logger_action_list* list = nullptr;
+    more = bm_logger_read_transaction(mem, s, &list);
+    if (list == nullptr && more) out.push_back("unreadable");
+    for (bm_logger_action* a = list != nullptr ? list->head : nullptr; a != nullptr; a = a->next) {
+      out.push_back(describe25(a));
+      if (payloads != nullptr && a->type == BM_PDT_NEW)
+        (*payloads)[a->id].assign(static_cast<const char*>(a->pdt_new.data),
+                                  size_t(a->pdt_new.size));
+    }
+    if (list == nullptr && more) break;
+  }
+  if (s != nullptr) stream_close_destroy(s);
+  mem_context_remove(mem);
+  return out;
+}
+
+// A table of the generator's write-PDT model: its head line's fields and its image lines.
+struct PdtWant {
+  int64_t stable = 0, records = 0, resets = 0, kept = 0;
+  std::vector<std::string> adts;
+  std::vector<std::string> image;
+};
+
+inline std::map<int64_t, PdtWant> read_pdt_model(const std::string& text) {
+  std::map<int64_t, PdtWant> out;
+  std::istringstream in(text);
+  PdtWant* cur = nullptr;
+  for (std::string line, kind, adt; std::getline(in, line);) {
+    std::istringstream f(line);
+    int64_t id = 0;
+    if (line.rfind("pdt ", 0) != 0) {
+      cur->image.push_back(line);
+      continue;
+    }
+    cur = &out[(f >> kind >> id, id)];
+    for (f >> cur->stable >> cur->records >> cur->resets >> cur->kept; f >> adt;)
+      cur->adts.push_back(adt);
+  }
+  return out;
+}
+
 struct Expected25 {
   std::vector<std::string> actions;  // tr_new 0 ... tr_end 0
   std::string location_map;
@@ -140,12 +193,8 @@ inline Expected25 expected25(const std::string& model, const std::string& pdt_mo
   std::map<std::string, std::pair<std::string, size_t>> keys;  // name: id, table position
   std::vector<Table> tables;
   std::set<std::string> write_pdts;
-  std::istringstream pin(pdt_model);
-  for (std::string l, k, id, f[4]; std::getline(pin, l);) {
-    std::istringstream ls(l);
-    if (ls >> k >> id >> f[0] >> f[1] >> f[2] >> f[3] && k == "pdt" && f[3] == "1")
-      write_pdts.insert(id);
-  }
+  for (const auto& [id, w] : read_pdt_model(pdt_model))
+    if (w.kept) write_pdts.insert(std::to_string(id));
   std::istringstream in(model);
   std::string line;
   bool in_index = false, default_used = false;

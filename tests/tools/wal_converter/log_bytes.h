@@ -34,7 +34,8 @@ class LogBytes {
   }
   // An 8-byte item stored raw, in the machine's (little-endian) order whatever the file's.
   LogBytes& raw_lng(int64_t v) {
-    for (int i = 0; i < 8; i++) data_.push_back(static_cast<char>((static_cast<uint64_t>(v) >> (8 * i)) & 0xFF));
+    for (int i = 0; i < 8; i++)
+      data_.push_back(static_cast<char>((static_cast<uint64_t>(v) >> (8 * i)) & 0xFF));
     return *this;
   }
 
