@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -77,14 +76,10 @@ std::vector<std::string> split_lines(const std::string& text) {
 RunResult run_binary(const std::string& binary, const std::vector<std::string>& args,
                      const std::map<std::string, std::string>& env, const std::string& cwd,
                      const std::string* argv0) {
-  int out_pipe[2], err_pipe[2];
-  if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) throw std::runtime_error("pipe failed");
-
   std::vector<std::string> envs;
   const char* path = getenv("PATH");
   envs.push_back(std::string("PATH=") + (path ? path : "/usr/bin:/bin"));
   for (const auto& [k, v] : env) envs.push_back(k + "=" + v);
-
   std::vector<char*> argv;
   std::string name = argv0 ? *argv0 : binary;
   argv.push_back(const_cast<char*>(name.c_str()));
@@ -93,48 +88,24 @@ RunResult run_binary(const std::string& binary, const std::vector<std::string>& 
   std::vector<char*> envp;
   for (auto& e : envs) envp.push_back(const_cast<char*>(e.c_str()));
   envp.push_back(nullptr);
-
+  // Standard output and error go to files of their own, read once the child is gone.
+  TempDir outputs;
+  const std::string out = outputs.file("out"), err = outputs.file("err");
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
-    int devnull = open("/dev/null", O_RDONLY);
-    dup2(devnull, 0);
-    dup2(out_pipe[1], 1);
-    dup2(err_pipe[1], 2);
-    close(out_pipe[0]);
-    close(err_pipe[0]);
+    const int in = open("/dev/null", O_RDONLY);
+    const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (in < 0 || o < 0 || e < 0 || dup2(in, 0) < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(125);
     if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
     execve(binary.c_str(), argv.data(), envp.data());
     _exit(127);
   }
-  close(out_pipe[1]);
-  close(err_pipe[1]);
-
-  RunResult r{"", "", -1};
-  struct pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-  std::string* sinks[2] = {&r.out, &r.err};
-  int open_fds = 2;
-  char buf[65536];
-  while (open_fds > 0) {
-    if (poll(fds, 2, -1) < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    for (int i = 0; i < 2; i++) {
-      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-      ssize_t n = read(fds[i].fd, buf, sizeof buf);
-      if (n > 0) {
-        sinks[i]->append(buf, static_cast<size_t>(n));
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        open_fds--;
-      }
-    }
-  }
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
+  RunResult r{read_file(out), read_file(err), -1};
   if (WIFEXITED(status)) r.status = WEXITSTATUS(status);
   else if (WIFSIGNALED(status)) r.status = 128 + WTERMSIG(status);
   return r;
