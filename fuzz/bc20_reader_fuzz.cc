@@ -3,14 +3,10 @@
 //
 // The reader is called transaction by transaction for as long as it returns non-zero, which is
 // how the dump drives it, so a damaged stretch is read past as well. Every list it returns is
-// checked against the reader's contract, and every payload byte it claims is touched.
-//
-// Three content assertions of the reader end the process by design on records that the format
-// forbids: "type == bc20_cs_new || type == bc20_cs_new_defaultfile", "colgroup_id" (a column group
-// with id 0) and "colgroup_id && file_nr >= 0" (a group file record with group 0 or a negative
-// file). Those three are accepted here: the failed assertion throws instead of aborting, and the
-// input is rejected from the corpus. Any other failed assertion is a crash. The dump runs only on
-// inputs that passed the reader, as it reads the same records in the same order.
+// checked against the reader's contract, and every payload byte it claims is touched. The reader
+// ends the process by design on the records the format forbids (the assertions listed below):
+// those throw here instead, and the input is rejected from the corpus. Any other failed assertion
+// is a crash. The dump runs only on inputs that passed the reader.
 #include <cstdint>
 #include <cstring>
 
@@ -24,11 +20,9 @@ namespace {
 
 using j480fuzz::touch;
 
-const char* const kDesignAssertions[] = {
-    "type == bc20_cs_new || type == bc20_cs_new_defaultfile",
-    "colgroup_id",
-    "colgroup_id && file_nr >= 0",
-};
+// The reader's content assertions: a column group 0, a group file of group 0 or of file < 0.
+const char* const kDesignAssertions[] = {"type == bc20_cs_new || type == bc20_cs_new_defaultfile",
+                                         "colgroup_id", "colgroup_id && file_nr >= 0"};
 
 void touch_string(const char* text) {
   FUZZ_CHECK(text != nullptr);

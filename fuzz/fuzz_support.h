@@ -1,9 +1,10 @@
 // fuzz_support: what the fuzz targets share.
 //
-// A per-process input file (a memory file reached by a path) for readers that open files by name,
-// a check that reads every byte of a payload, a logger configuration that sends every level to /dev/null, and a pass-through of the system's
-// assertion that lets one target accept named assertion texts as a defined end of its input.
-// Owns the input file for the life of the process; owns nothing it returns.
+// A per-process input file (a memory file reached by a path) for readers that open files by name, a
+// check that reads every byte of a payload, a logger configuration that sends every level to
+// /dev/null, and a pass-through of the system's assertion that lets one target accept named
+// assertion texts as a defined end of its input. Owns the input file for the life of the process;
+// owns nothing it returns.
 #ifndef J480_FUZZ_FUZZ_SUPPORT_H
 #define J480_FUZZ_FUZZ_SUPPORT_H
 

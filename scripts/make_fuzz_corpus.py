@@ -90,6 +90,56 @@ def every_record(g):
     g.i(29).q(1)                                               # cat_location_del
 
 
+V25 = V20 | 1
+
+
+def every_action(g):
+    """One 2.5 record of every kind, as the 2.5 logger's record table in its tests has them."""
+    r8 = lambda *vs: b"".join(struct.pack("<q", v) for v in vs)  # raw: never swapped
+    g.i(24).i(0).q(65536, 0)                                       # cs_new
+    g.i(2).q(11).i(3).i(3).q(12).i(-4)                             # scol_new, scol_del
+    g.i(4).q(100).s('or"ders').i(1)                                # cat_table_new
+    g.i(7).q(101).s("c1").i(1, 6, 74565).q(100)                    # cat_column_new
+    g.i(9).q(102).s("idx").i(2).q(100, -1)                         # cat_index_new
+    g.i(11).q(102, 10, 1000, 100)                                  # minmax_size
+    g.i(12).q(102).i(0).q(8).raw(b"MINSMAXS").i(1).q(2).raw(b"omOM")  # minmax_data
+    g.i(12).q(103).i(1).q(4).raw(b"abcd").i(0).q(3).raw(bytes(6))
+    g.i(13).q(102).i(2).q(36).raw(r8(1, 1, 2, 0) + b"adbc").i(1).q(19).raw(r8(1, 2) + b"xyz")
+    g.i(13).q(103).i(0).q(18).raw(r8(1, 1) + b"ad").i(0).q(0)     # minmax_vardata
+    g.i(14).q(104, 8, 3, 50)                                       # jis_size
+    g.i(15).q(104).i(1).q(4).raw(r8(1, 2, 3, -4))                  # jis_data
+    g.i(16).q(105, 8).raw(b"PDTBYTES")                             # pdt_new
+    g.i(17).q(2).s("loc2").i(1).i(18).q(3).i(19).q(2).i(3)        # locations: new, del, update
+    g.i(20).q(11, 1, 2, 3, 4).i(21).q(11, 1, 2)                    # blk_new, blk_del
+    g.i(22).q(1, 2).s("f1.dat").i(23).q(1)                         # file_new, file_del
+    g.i(25).q(21, 1, 100).i(26).q(21, 0, 100)                      # paxgroup_file_new, _del
+    g.i(27).q(106).s("pk").i(1).q(100, -1, 2, 101, -7)             # cat_key_new
+    g.i(27).q(107).s("fk").i(2).q(100, 106, 0).i(28).q(106)        # cat_key_new, cat_key_del
+    g.i(29).q(20, 100)                                             # storage_new
+    g.i(31).q(21, 20, 11, 100, 2).i(0, 1, 6, 13).s("lz4").s("").i(1, 2)  # paxgroup_new
+    g.i(31).q(22, 20, 12, 100, 0).i(32).q(21, 100)                 # paxgroup_new, paxgroup_del
+    g.i(30).q(20).i(10).q(102).i(8).q(101).i(6).q(100).i(5).q(100)  # the drops
+
+
+def logger_seeds():
+    every = Log().head(V25).tr(0, every_action).b
+    h = Log().head(V25).b
+    return {
+        "every_kind_le": every,
+        "every_kind_be": Log(True).head(V25).tr(4, every_action).b,
+        "two_transactions": every + Log().tr(1, every_action).b,
+        "empty": h,
+        "zero_bytes": b"",
+        "no_version": Log().raw(struct.pack("<h", 1234)).b,
+        "unbracketed": h + Log().i(23).q(1).i(21).q(1, 2, 3).b,
+        "cut_in_record": every[:len(every) // 2],
+        "bad_trid": h + Log().i(0).q(1).i(1).q(2).b,
+        "unknown_tag": h + Log().i(0).q(1).i(33).b + every[10:],
+        "huge_lengths": h + Log().i(0).q(1).i(16).q(1, 1 << 62).b,
+        "name_512": h + Log().i(0).q(1).i(7).q(1).s("n" * 512).b,
+    }
+
+
 def reader_seeds():
     seeds = {}
     seeds["empty"] = Log().head().b
@@ -185,6 +235,7 @@ def ltype_seeds():
 def main():
     targets = {
         "bc20_reader_fuzz": reader_seeds(),
+        "bm_logger_fuzz": logger_seeds(),
         "cvlog_config_fuzz": cvlog_seeds(),
         "cvconfig_fuzz": cvconfig_seeds(),
         "ltype_fuzz": ltype_seeds(),

@@ -60,7 +60,8 @@ const char* const kMaxs[] = {"d", ""};
 std::string g_location;  // set by the fixture
 
 // A row: the tag and name, the constructor call (in `m`), the wire fields behind the tag (on `b`)
-// and the dump element's attributes.
+// and the dump element's attributes. The 2.5 fuzz seeds (scripts/make_fuzz_corpus.py) spell the
+// same records.
 #define K(tag, name, make, wire, attrs) \
   { tag, name, [](MemContext* m) { return make; }, [](LogBytes& b) { b wire; }, attrs }
 
@@ -266,30 +267,6 @@ TEST_F(Logger25, WriterReaderAndDumpAgreeWithTheRecordTableInBothByteOrders) {
   std::string logged = "#LOGGER:bm_logger_print start\n";
   for (const std::string& w : j480test::split_lines(want)) logged += "#LOGGER:" + w + "\n";
   EXPECT_EQ(err, logged + "#LOGGER:bm_logger_print end\n");
-}
-
-// Writes the bm_logger_fuzz seed corpus: J480_WRITE_LOGGER_SEEDS=<dir> test_bm
-// --gtest_also_run_disabled_tests --gtest_filter='*WritesTheFuzzSeeds'.
-TEST_F(Logger25, DISABLED_WritesTheFuzzSeeds) {
-  const char* dir = getenv("J480_WRITE_LOGGER_SEEDS");
-  ASSERT_NE(dir, nullptr);
-  const std::string every = golden(false), h = LogBytes().head(kV25).bytes();
-  const std::vector<std::pair<std::string, std::string>> seeds = {
-      {"every_kind_le", every},
-      {"every_kind_be", golden(true, 4)},
-      {"two_transactions", every + golden(false, 1).substr(10)},
-      {"empty", h},
-      {"zero_bytes", ""},
-      {"no_version", LogBytes().i16(1234).bytes()},
-      {"unbracketed", h + LogBytes().i32(23).lng(1).i32(21).lng(1).lng(2).lng(3).bytes()},
-      {"cut_in_record", every.substr(0, every.size() / 2)},
-      {"bad_trid", h + LogBytes().i32(0).lng(1).i32(1).lng(2).bytes()},
-      {"unknown_tag", h + LogBytes().i32(0).lng(1).i32(33).bytes() + every.substr(10)},
-      {"huge_lengths", h + LogBytes().i32(0).lng(1).i32(16).lng(1).lng(int64_t{1} << 62).bytes()},
-      {"name_512", h + LogBytes().i32(0).lng(1).i32(7).lng(1).str(std::string(512, 'n')).bytes()},
-  };
-  for (const auto& [name, bytes] : seeds)
-    j480test::write_file(std::string(dir) + "/" + name, bytes);
 }
 
 // Every cut inside a record fails with the record's own text; bad fields and brackets with theirs.

@@ -115,40 +115,52 @@ inline std::vector<Entry> chain_entries(const pdt* t) {
   return out;
 }
 
+// Walks a tree as the image of a table over `n_stable` rows: `keep(from, to)` for each run of
+// stable rows no entry touches, `row(sid)` where the modifies of stable row `sid` begin and
+// `modify(col, offset)` for each of them, `insert(offset)` for each insert. Returns -1, or the
+// SID of an entry that stands behind its stable row, where the walk stops.
+template <class Keep, class Row, class Modify, class Insert>
+int64_t walk_image(const pdt* t, int64_t n_stable, Keep keep, Row row, Modify modify,
+                   Insert insert) {
+  int64_t s = 0, row_sid = -1;  // the first stable row not yet shown; the row being modified
+  for (const Entry& e : chain_entries(t)) {
+    const int64_t sid = USID(e.def);
+    const uint32_t hdr = PDT_HDR(e.def), type = PDT_TYPE(e.def);
+    const bool same_row = type == PDT_MODIFY && sid == row_sid;
+    if (!same_row && sid < s) return sid;
+    if (!same_row && sid > s) keep(s, sid);
+    if (type == PDT_MODIFY) {
+      if (!same_row) row(row_sid = sid), s = sid + 1;
+      modify(hdr, e.offset);
+      continue;
+    }
+    row_sid = -1;
+    s = type == PDT_DELETE ? sid + hdr + 1 : sid;
+    if (type == PDT_INSERT) insert(e.offset);
+  }
+  if (n_stable > s) keep(s, n_stable);
+  return -1;
+}
+
 // The table image of a tree over `n_stable` rows; a fault of order makes `why` non-empty.
 inline std::vector<Item> image(const pdt* t, int64_t n_stable, std::string* why) {
   const value_space* vs = t->value_space;
   auto lng = [](void* col, uint32_t i) { return static_cast<const int64_t*>(col)[i]; };
   auto str = [](void* col, uint32_t i) { return static_cast<const char* const*>(col)[i]; };
   std::vector<Item> img;
-  int64_t s = 0;
-  for (const Entry& e : chain_entries(t)) {
-    const int64_t sid = USID(e.def);
-    const uint32_t hdr = PDT_HDR(e.def), type = PDT_TYPE(e.def);
-    const bool same_row =
-        type == PDT_MODIFY && !img.empty() && img.back().kind == 1 && img.back().a == sid;
-    if (!same_row && sid < s) {
-      *why = "entry behind its stable row at SID " + std::to_string(sid);
-      return img;
-    }
-    if (type == PDT_MODIFY) {
-      if (!same_row) {
-        add_run(&img, s, sid);
-        img.push_back(stable_row(sid));
-        s = sid + 1;
-      }
-      if (hdr == 0) img.back().v0 = lng(vs->modifies[0], e.offset);
-      if (hdr == 1) img.back().v1 = str(vs->modifies[1], e.offset);
-      if (hdr == kIncCol) img.back().inc += lng(vs->modifies[2], e.offset);
-      continue;
-    }
-    add_run(&img, s, sid);
-    s = type == PDT_DELETE ? sid + hdr + 1 : sid;
-    if (type == PDT_INSERT)
-      img.push_back({2, -1, -1, lng(vs->inserts[0], e.offset), str(vs->inserts[1], e.offset),
-                     lng(vs->inserts[2], e.offset)});
-  }
-  add_run(&img, s, n_stable);
+  const int64_t behind = walk_image(
+      t, n_stable, [&](int64_t from, int64_t to) { add_run(&img, from, to); },
+      [&](int64_t sid) { img.push_back(stable_row(sid)); },
+      [&](uint32_t col, uint32_t at) {
+        if (col == 0) img.back().v0 = lng(vs->modifies[0], at);
+        if (col == 1) img.back().v1 = str(vs->modifies[1], at);
+        if (col == kIncCol) img.back().inc += lng(vs->modifies[2], at);
+      },
+      [&](uint32_t at) {
+        img.push_back({2, -1, -1, lng(vs->inserts[0], at), str(vs->inserts[1], at),
+                       lng(vs->inserts[2], at)});
+      });
+  if (behind >= 0) *why = "entry behind its stable row at SID " + std::to_string(behind);
   return img;
 }
 

@@ -65,38 +65,24 @@ Lines replayed_image(const std::string& payload, const j480test::PdtWant& w) {
     return "s" + hex(text, strlen(text));
   };
   Lines img;
-  int64_t s = 0;  // the first stable row not yet shown
-  auto keep = [&](int64_t to) {
-    if (to > s) img.push_back("keep " + std::to_string(s) + " " + std::to_string(to));
-  };
-  std::vector<std::string> row;  // the values of the stable row s - 1, while its modifies come
-  auto stable_row = [&] {
-    if (!row.empty()) img.push_back("stable " + std::to_string(s - 1));
-    for (const std::string& v : row) img.back() += " " + v;
-    row.clear();
-  };
-  for (const ut::Entry& e : ut::chain_entries(t)) {
-    const int64_t sid = USID(e.def);
-    const uint32_t type = PDT_TYPE(e.def), hdr = PDT_HDR(e.def);
-    if (type == PDT_MODIFY && (row.empty() || sid != s - 1)) {  // a stable row's first modify
-      stable_row();
-      keep(sid);
-      row.assign(ncols, "-");
-      s = sid + 1;
-    }
-    if (type == PDT_MODIFY) {
-      row[hdr] = value(own->modifies, hdr, e.offset);
-      continue;
-    }
-    stable_row();
-    keep(sid);
-    s = type == PDT_DELETE ? sid + hdr + 1 : std::max(s, sid);
-    if (type == PDT_INSERT) img.push_back("insert");
-    for (uint32_t c = 0; type == PDT_INSERT && c < ncols; c++)
-      img.back() += " " + value(own->inserts, c, e.offset);
-  }
-  stable_row();
-  keep(w.stable);
+  std::vector<std::pair<size_t, Lines>> rows;  // a stable row's line and its values
+  const int64_t behind = ut::walk_image(
+      t, w.stable,
+      [&](int64_t from, int64_t to) {
+        img.push_back("keep " + std::to_string(from) + " " + std::to_string(to));
+      },
+      [&](int64_t sid) {
+        img.push_back("stable " + std::to_string(sid));
+        rows.push_back({img.size() - 1, Lines(ncols, "-")});
+      },
+      [&](uint32_t c, uint32_t at) { rows.back().second[c] = value(own->modifies, c, at); },
+      [&](uint32_t at) {
+        img.push_back("insert");
+        for (uint32_t c = 0; c < ncols; c++) img.back() += " " + value(own->inserts, c, at);
+      });
+  EXPECT_EQ(behind, -1);
+  for (const auto& [line, values] : rows)
+    for (const std::string& v : values) img[line] += " " + v;
   pdt_unref(t);
   mem_context_remove(mem);
   return img;
